@@ -1,0 +1,65 @@
+// Helpers shared by the test suites: capture of log lines and failed assertions.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Qelvar::Test {
+
+/// One captured log line.
+struct CapturedLog {
+    int level;
+    std::string module;
+    std::string path;
+    std::string function;
+    int line;
+    std::string message;
+};
+
+/// Captures every log record up to `level` while alive, then restores the default sink
+/// and level.
+class LogCapture {
+public:
+    explicit LogCapture(int level = 6);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<CapturedLog> Records() const;
+    /// Number of captured messages that contain `text`.
+    int Count(std::string_view text) const;
+    bool Contains(std::string_view text) const { return Count(text) > 0; }
+    /// The first captured record whose message contains `text`, if any.
+    bool Find(std::string_view text, CapturedLog* out) const;
+    /// Waits until a message containing `text` has been captured; false on time-out.
+    bool WaitFor(std::string_view text, std::chrono::milliseconds timeout) const;
+    void Clear();
+
+private:
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_cv;
+    std::vector<CapturedLog> m_records;
+    int m_saved_level;
+};
+
+/// Records failed assertions instead of aborting while alive.
+class AssertCapture {
+public:
+    AssertCapture();
+    ~AssertCapture();
+    AssertCapture(const AssertCapture&) = delete;
+    AssertCapture& operator=(const AssertCapture&) = delete;
+
+    std::vector<std::string> Expressions() const;
+    int Count(std::string_view expr) const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_exprs;
+};
+
+}  // namespace Qelvar::Test
