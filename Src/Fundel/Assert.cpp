@@ -1,4 +1,5 @@
 #include <Fundel/Assert.h>
+#include <Fundel/Log.h>
 
 #include <cstdlib>
 #include <memory>

@@ -89,9 +89,14 @@ template <std::size_t N>
 constexpr FixedText<N + 2> source_path(const char (&file)[N])
 {
     const std::size_t len = N - 1;
+    // The path starts at the project's top folder: Src, else tests, examples, bench, fuzz.
+    constexpr const char* roots[] = {"Src/", "tests/", "examples/", "bench/", "fuzz/"};
     std::size_t begin = 0;
-    for (std::size_t i = 0; i + 4 <= len; ++i) {
-        if (starts_with(file + i, len - i, "Src/") && (i == 0 || file[i - 1] == '/')) begin = i;
+    for (const char* root : roots) {
+        for (std::size_t i = 0; i < len; ++i) {
+            if (starts_with(file + i, len - i, root) && (i == 0 || file[i - 1] == '/')) begin = i;
+        }
+        if (begin != 0) break;
     }
     std::size_t end = len;
     for (std::size_t i = len; i > begin; --i) {

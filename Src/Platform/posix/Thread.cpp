@@ -36,7 +36,7 @@ int thread_create(thread_handle* out, thread_entry entry, void* arg, std::size_t
     int err = pthread_attr_init(&attr);
     if (err != 0) return err;
     if (stack_size > 0) {
-        if (stack_size < PTHREAD_STACK_MIN) stack_size = PTHREAD_STACK_MIN;
+        if (stack_size < static_cast<std::size_t>(PTHREAD_STACK_MIN)) stack_size = PTHREAD_STACK_MIN;
         err = pthread_attr_setstacksize(&attr, stack_size);
     }
     pthread_t tid{};
