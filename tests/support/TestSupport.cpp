@@ -49,14 +49,15 @@ bool LogCapture::Find(std::string_view text, CapturedLog* out) const
     return false;
 }
 
-bool LogCapture::WaitFor(std::string_view text, std::chrono::milliseconds timeout) const
+bool LogCapture::WaitFor(std::string_view text, std::chrono::milliseconds timeout, int count) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_cv.wait_for(lock, timeout, [&] {
+        int n = 0;
         for (const CapturedLog& r : m_records) {
-            if (r.message.find(text) != std::string::npos) return true;
+            if (r.message.find(text) != std::string::npos) ++n;
         }
-        return false;
+        return n >= count;
     });
 }
 

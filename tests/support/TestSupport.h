@@ -35,8 +35,8 @@ public:
     bool Contains(std::string_view text) const { return Count(text) > 0; }
     /// The first captured record whose message contains `text`, if any.
     bool Find(std::string_view text, CapturedLog* out) const;
-    /// Waits until a message containing `text` has been captured; false on time-out.
-    bool WaitFor(std::string_view text, std::chrono::milliseconds timeout) const;
+    /// Waits until `count` messages containing `text` have been captured; false on time-out.
+    bool WaitFor(std::string_view text, std::chrono::milliseconds timeout, int count = 1) const;
     void Clear();
 
 private:

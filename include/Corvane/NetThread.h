@@ -1,0 +1,67 @@
+// CNetThread: creation, configuration and teardown of Corvane's network thread pools.
+#pragma once
+
+#include <Corvane/Export.h>
+
+namespace Qelvar::Corvane {
+
+/// The static facade over the thread pools. Pool 0 is the public pool; pools 1 to 63
+/// are private pools. Every handler belongs to one pool, and all its socket events,
+/// timers and messages are handled by that pool's threads.
+///
+/// The first CreateThreadPool or CreatePrivatePool initialises the library (socket
+/// library, timer thread, public pool, file threads when asked); DestroyThreadPool
+/// undoes it in reverse order. Creation and destruction are serialised.
+class CORVANE_API CNetThread {
+public:
+    /// Initialises the library on first use and creates the public pool with `count`
+    /// worker threads (see below); with `file_threads`, also starts the file threads
+    /// once. Reference-counted: each call needs one DestroyThreadPool. 0 or -1.
+    ///
+    /// Thread count: a count with the top bit (0x80000000) set is taken exactly (its
+    /// other 31 bits). Otherwise, with n processors (n > 1), a count below n becomes n and
+    /// any other is rounded up to a multiple of n. Fewer than 2 becomes 2.
+    static int CreateThreadPool(unsigned int count, bool file_threads = false);
+
+    /// Drops one reference taken by CreateThreadPool; the last one destroys every pool
+    /// and stops the library's threads. Handlers still open are detached from their
+    /// pool and logged; closing them later calls their handle_close. 0 or -1.
+    static int DestroyThreadPool();
+
+    /// Creates a private pool in the lowest free index from 1 to 63 and returns that
+    /// index, or -1.
+    static int CreatePrivatePool(unsigned int count, bool file_threads = false);
+
+    /// Destroys the private pool `index`. 0 or -1.
+    static int DestroyPrivatePool(int index);
+
+    /// Priority (1 low, 64 normal, 127 high), policy (0 time-sharing, 1 round-robin) and
+    /// stack size (bytes, 0 default) of the next pool's threads; reset to 64, 0, 0 once a
+    /// pool was made. 0, or -1 for a bad priority or policy.
+    static int SetThreadPriority(int priority, int policy, int stack);
+
+    /// The poller's wait in milliseconds (default 500; 0 waits without limit). Read when
+    /// a pool is created, so set it before. 0, or -1 for a negative value.
+    static int SetMultiplexerTimeOut(int ms);
+
+    /// Number of stream receiver threads per group, 1 to 256 (default: one per
+    /// processor). 0, or -1 for a value out of range.
+    static int SetRecvThreadNum(int num);
+
+    /// Arms a watch on every callback of the next pools' threads: a callback running
+    /// longer than `ms` milliseconds is reported by the pool's daemon. 0 (the default)
+    /// switches the watch off. 0, or -1 for a negative value.
+    static int SetThreadTimeOut(int ms);
+
+    /// Logs every registered socket of every pool at level 4.
+    static void TraversalSock();
+};
+
+}  // namespace Qelvar::Corvane
+
+extern "C" {
+/// The same as Qelvar::Corvane::CNetThread::CreateThreadPool.
+CORVANE_API int CreateThreadPool(unsigned int count, bool file_threads);
+/// The same as Qelvar::Corvane::CNetThread::DestroyThreadPool.
+CORVANE_API int DestroyThreadPool(void);
+}
