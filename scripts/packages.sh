@@ -1,5 +1,7 @@
+# shellcheck shell=bash
 # Sourced by run-demo and run-tests: the Debian/Ubuntu packages a build needs, and the
 # step that installs the missing ones with apt.
+# shellcheck disable=SC2034 # the lists are used by the scripts that source this file
 
 # Native build, the test suites and the benchmarks. googletest is the source tree
 # under /usr/src/googletest that the Windows cross build compiles.
