@@ -1,0 +1,52 @@
+# shellcheck shell=bash
+# Sourced by run-demo and run-tests: the Debian/Ubuntu packages a build needs, and the
+# step that installs the missing ones with apt.
+# shellcheck disable=SC2034 # the lists are used by the scripts that source this file
+
+# Native build, the test suites and the benchmarks. googletest is the source tree
+# under /usr/src/googletest that the Windows cross build compiles.
+CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config
+                       libgtest-dev libgmock-dev googletest libbenchmark-dev)
+# The Windows cross build and Wine to run its programs.
+CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
+
+# Installs whichever of the named packages is not installed yet; does nothing (and needs
+# no network) when all are there. Uses sudo when not run as root.
+corvane_require_packages() {
+    local missing=() pkg
+    for pkg in "$@"; do
+        if ! dpkg -s "$pkg" 2>/dev/null | grep -qx 'Status: install ok installed'; then
+            missing+=("$pkg")
+        fi
+    done
+    if ((${#missing[@]} == 0)); then
+        return 0
+    fi
+
+    if ! command -v apt-get >/dev/null; then
+        echo "error: missing packages (${missing[*]}) and no apt-get to install them" >&2
+        return 1
+    fi
+    local sudo=()
+    if [[ $(id -u) != 0 ]]; then
+        if ! command -v sudo >/dev/null; then
+            echo "error: missing packages (${missing[*]}); run as root or install sudo" >&2
+            return 1
+        fi
+        sudo=(sudo)
+    fi
+    echo "==> installing missing packages: ${missing[*]}"
+    "${sudo[@]}" apt-get update
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# CMakePresets.json needs CMake 3.25 (Debian 12 has it; older releases do not).
+corvane_require_cmake() {
+    local version
+    version=$(cmake --version | sed -n 's/^cmake version \([0-9]*\.[0-9]*\).*/\1/p')
+    if ! printf '3.25\n%s\n' "$version" | sort -C -V; then
+        echo "error: CMake $version is too old: the presets need 3.25 or later" >&2
+        return 1
+    fi
+}
