@@ -1,0 +1,292 @@
+// The Corvane demo: a public and a private thread pool, handlers that play ping-pong by
+// object id across the pools, serial messages, periodic timers, and a clean shutdown in
+// which every handler is released. It prints what happened and how fast.
+//
+//   corvane_demo [--seconds S] [--pairs N] [--timers T]
+#include <Corvane/Corvane.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Qelvar::Corvane::CNetHandler;
+using Qelvar::Corvane::CNetThread;
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned int kBall = 1;    // a ping-pong message: attach counts the hits
+constexpr unsigned int kSerial = 2;  // a serial message: attach is its sequence number
+
+struct Settings {
+    double seconds = 1.0;
+    int pairs = 4;
+    int timers = 8;
+    long long timer_us = 20000;
+};
+
+/// Counts released handlers; main waits on it before tearing the pools down.
+class Releases {
+public:
+    void Add()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_count;
+        m_cv.notify_all();
+    }
+    bool WaitFor(int n)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_count >= n; });
+    }
+    int Count()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_count;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    int m_count = 0;
+};
+
+/// A handler that deletes itself when released and says so.
+class DemoHandler : public CNetHandler {
+public:
+    DemoHandler(int pool, Releases& releases) : CNetHandler(pool), m_releases(releases) {}
+
+    int handle_close(CNetHandler*) override
+    {
+        Releases& releases = m_releases;
+        delete this;
+        releases.Add();
+        return 0;
+    }
+
+private:
+    Releases& m_releases;
+};
+
+/// Returns every ball it receives to the sender until the game is over.
+class Player : public DemoHandler {
+public:
+    Player(int pool, Releases& releases, std::atomic<bool>& playing, std::atomic<long long>& hits)
+        : DemoHandler(pool, releases), m_playing(playing), m_hits(hits)
+    {
+    }
+
+    void Serve(long to) { Notify(to, kBall, 0); }
+
+    int handle_message(long from_id, unsigned int type, long attach) override
+    {
+        if (type != kBall) return 0;
+        m_hits.fetch_add(1, std::memory_order_relaxed);
+        if (m_playing.load(std::memory_order_relaxed)) Notify(from_id, kBall, attach + 1);
+        return 0;
+    }
+
+private:
+    std::atomic<bool>& m_playing;
+    std::atomic<long long>& m_hits;
+};
+
+/// Receives serial messages and checks that they come one at a time, in order.
+class SerialReader : public DemoHandler {
+public:
+    using DemoHandler::DemoHandler;
+
+    void Post(long to, long seq) { NotifySerial(to, kSerial, seq, 0); }
+
+    int handle_message(long, unsigned int type, long attach) override
+    {
+        if (type != kSerial) return 0;
+        if (attach != m_expected) m_out_of_order.fetch_add(1);
+        m_expected = attach + 1;
+        m_received.fetch_add(1);
+        return 0;
+    }
+
+    long Received() const { return m_received.load(); }
+    long OutOfOrder() const { return m_out_of_order.load(); }
+
+private:
+    long m_expected = 0;  // touched by one thread at a time: serial messages never overlap
+    std::atomic<long> m_received{0};
+    std::atomic<long> m_out_of_order{0};
+};
+
+/// A periodic timer that records how far each firing was from the one before.
+class Metronome : public DemoHandler {
+public:
+    Metronome(int pool, Releases& releases, long long interval_us)
+        : DemoHandler(pool, releases), m_interval_us(interval_us)
+    {
+    }
+
+    void Start()
+    {
+        m_last = Clock::now();
+        m_timer = SetTimer(m_interval_us);
+    }
+    void Stop() { m_running.store(false); }
+
+    long long handle_timeout(long) override
+    {
+        const auto now = Clock::now();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_intervals.push_back(std::chrono::duration<double, std::micro>(now - m_last).count());
+        }
+        m_last = now;
+        return m_running.load() ? 0 : -1;  // 0: again at the same interval
+    }
+
+    std::vector<double> Intervals()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_intervals;
+    }
+
+private:
+    long long m_interval_us;
+    long m_timer = 0;
+    Clock::time_point m_last;
+    std::atomic<bool> m_running{true};
+    std::mutex m_mutex;
+    std::vector<double> m_intervals;
+};
+
+double percentile(std::vector<double> v, double p)
+{
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    const auto i = static_cast<std::size_t>(p * static_cast<double>(v.size() - 1));
+    return v[i];
+}
+
+bool parse(int argc, char** argv, Settings& s)
+{
+    for (int i = 1; i < argc; ++i) {
+        const bool has_value = i + 1 < argc;
+        if (std::strcmp(argv[i], "--seconds") == 0 && has_value) s.seconds = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--pairs") == 0 && has_value) s.pairs = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--timers") == 0 && has_value) s.timers = std::atoi(argv[++i]);
+        else return false;
+    }
+    return s.seconds > 0 && s.seconds <= 60 && s.pairs >= 1 && s.pairs <= 1000 && s.timers >= 0 && s.timers <= 1000;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Settings settings;
+    if (!parse(argc, argv, settings)) {
+        std::fprintf(stderr, "usage: %s [--seconds 0..60] [--pairs 1..1000] [--timers 0..1000]\n", argv[0]);
+        return 2;
+    }
+
+    std::printf("Corvane demo\n");
+    if (CNetThread::CreateThreadPool(0) != 0) {
+        std::printf("  could not create the public pool\n");
+        return 1;
+    }
+    const int priv = CNetThread::CreatePrivatePool(0);
+    if (priv < 1) {
+        std::printf("  could not create a private pool\n");
+        CNetThread::DestroyThreadPool();
+        return 1;
+    }
+    std::printf("  public pool 0 and private pool %d are running\n", priv);
+
+    Releases releases;
+    int handlers = 0;
+
+    // Ping-pong by object id between the two pools.
+    std::atomic<bool> playing{true};
+    std::atomic<long long> hits{0};
+    std::vector<Player*> players;
+    for (int i = 0; i < settings.pairs; ++i) {
+        auto* left = new Player(0, releases, playing, hits);
+        auto* right = new Player(priv, releases, playing, hits);
+        players.push_back(left);
+        players.push_back(right);
+        handlers += 2;
+    }
+
+    // Periodic timers on both pools, running while the game is on.
+    std::vector<Metronome*> metronomes;
+    for (int i = 0; i < settings.timers; ++i) {
+        auto* m = new Metronome(i % 2 ? priv : 0, releases, settings.timer_us);
+        metronomes.push_back(m);
+        ++handlers;
+    }
+
+    // Serial messages to two readers of the private pool, interleaved.
+    auto* reader_a = new SerialReader(priv, releases);
+    auto* reader_b = new SerialReader(priv, releases);
+    handlers += 2;
+
+    const auto start = Clock::now();
+    for (auto* m : metronomes) m->Start();
+    for (std::size_t i = 0; i < players.size(); i += 2) players[i]->Serve(players[i + 1]->GetID());
+    constexpr long kSerialMessages = 20000;
+    for (long seq = 0; seq < kSerialMessages; ++seq) {
+        SerialReader* reader = seq % 2 ? reader_b : reader_a;
+        reader->Post(reader->GetID(), seq / 2);
+    }
+
+    const auto run_for = std::chrono::duration<double>(settings.seconds);
+    while (Clock::now() - start < run_for) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    playing = false;
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    const long long messages = hits.load();
+    for (auto* m : metronomes) m->Stop();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the last balls and ticks land
+
+    std::printf("  ping-pong across pools: %d pairs, %.2f s, %lld messages, %.0f messages/s\n", settings.pairs,
+                elapsed, messages, static_cast<double>(messages) / elapsed);
+    const long serial_received = reader_a->Received() + reader_b->Received();
+    const long serial_disordered = reader_a->OutOfOrder() + reader_b->OutOfOrder();
+    std::printf("  serial messages: %ld of %ld received one at a time, %ld out of order\n", serial_received,
+                kSerialMessages, serial_disordered);
+
+    std::vector<double> intervals;
+    for (auto* m : metronomes) {
+        const auto v = m->Intervals();
+        intervals.insert(intervals.end(), v.begin(), v.end());
+    }
+    if (!intervals.empty()) {
+        double sum = 0;
+        for (double v : intervals) sum += v;
+        const double target = static_cast<double>(settings.timer_us);
+        std::printf("  timers: %d of %.0f ms, %zu firings; interval mean %.2f ms, p50 %.2f ms, p99 %.2f ms, "
+                    "min %.2f ms, max %.2f ms\n",
+                    settings.timers, target / 1000, intervals.size(), sum / static_cast<double>(intervals.size()) / 1000,
+                    percentile(intervals, 0.5) / 1000, percentile(intervals, 0.99) / 1000,
+                    percentile(intervals, 0.0) / 1000, percentile(intervals, 1.0) / 1000);
+    }
+
+    // Clean shutdown: every handler is closed and released before the pools go.
+    for (auto* p : players) p->Close();
+    for (auto* m : metronomes) m->Close();
+    reader_a->Close();
+    reader_b->Close();
+    const bool all_released = releases.WaitFor(handlers);
+    const int released = releases.Count();
+    CNetThread::DestroyPrivatePool(priv);
+    const int destroyed = CNetThread::DestroyThreadPool();
+    std::printf("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
+                destroyed == 0 ? "ok" : "failed");
+    const bool ok = all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0;
+    std::printf("%s\n", ok ? "clean shutdown" : "shutdown FAILED");
+    return ok ? 0 : 1;
+}
