@@ -33,6 +33,25 @@ TEST(MinHeap, PopDueHonoursTheLimitAndMissingIdsAreNotFound)
     EXPECT_EQ(heap.Size(), 0);
 }
 
+TEST(MinHeap, RecordMovedIntoARemovedPlaceRisesAboveItsNewParent)
+{
+    // Inserted in heap order; the last record (26) replaces 101 under 100 and must rise.
+    const std::uint64_t dues[] = {10, 100, 20, 101, 102, 21, 22, 103, 104, 105, 106, 23, 24, 25, 26};
+    SEvent records[15];
+    CMinHeap heap;
+    for (int i = 0; i < 15; ++i) {
+        records[i].m_key = -16 * (i + 7);
+        records[i].m_due = dues[i];
+        heap.Insert(&records[i]);
+    }
+    EXPECT_EQ(heap.RemoveById(records[3].m_key), &records[3]);
+    std::uint64_t last = 0;
+    while (SEvent* ev = heap.PopDue(~0ull)) {
+        EXPECT_GE(ev->m_due, last);
+        last = ev->m_due;
+    }
+}
+
 // Random inserts, pops, removals by id and purges checked against an ordered reference,
 // with up to 1500 records pending (the array starts at 200).
 TEST(MinHeap, KeepsOrderUnderRandomOperations)
@@ -78,4 +97,6 @@ TEST(MinHeap, KeepsOrderUnderRandomOperations)
         ASSERT_EQ(heap.Size(), static_cast<int>(pending.size()));
         ASSERT_EQ(heap.Top(), pending.empty() ? 0u : pending.begin()->first);
     }
+    // A misplaced record deep in the heap shows up only when it reaches the top.
+    for (const auto& entry : pending) ASSERT_EQ(heap.PopDue(~0ull)->m_due, entry.first);
 }
