@@ -34,24 +34,32 @@ public:
     CPoller& operator=(const CPoller&) = delete;
 
     /// Creates the multiplexer and its wake-up descriptor; 0, or -1 with last_error().
+    /// A failed Open() leaves the poller closed; Open() on an open poller fails.
+    /// On Windows the socket library must be started (sock_startup) first.
     int Open();
 
-    /// Releases everything Open() made; safe to call twice.
+    /// Releases everything Open() made; safe to call twice. No other thread may be
+    /// using the poller.
     void Close();
 
     /// Starts watching `fd` for the bits of `interest` (POLL_IN | POLL_OUT | POLL_PRI),
     /// armed. 0 or -1. On Windows each set holds at most 4096 descriptors; a descriptor
     /// that does not fit is silently not watched for that bit (the call still returns 0).
+    /// -1 when `fd` is watched already. On Windows a change wakes a running Wait().
     int Add(int fd, unsigned int interest);
 
-    /// Replaces the interest of a watched descriptor and arms it again. 0 or -1.
+    /// Replaces the interest of a watched descriptor and arms it again. 0, or -1 when
+    /// `fd` is not watched (ENOENT; WSAENOTSOCK).
     int Modify(int fd, unsigned int interest);
 
-    /// Stops watching `fd`. 0 or -1.
+    /// Stops watching `fd`; 0, or -1 when it is not watched (ENOENT; WSAENOTSOCK).
+    /// Remove before closing: Windows select() fails as a whole on a closed socket.
     int Remove(int fd);
 
     /// Waits at most `timeout_us` microseconds (negative: without limit; 0: just looks)
-    /// and stores up to `capacity` ready descriptors in `ready`, each disarmed.
+    /// and stores up to `capacity` (at least 1) ready descriptors in `ready`, one entry
+    /// per descriptor, each disarmed; ready descriptors beyond `capacity` stay armed.
+    /// A positive timeout is rounded up to the system's unit (milliseconds on Linux).
     /// Returns the number stored (0 on time-out, on Wake() or when interrupted), or -1
     /// with last_error() when the system call failed.
     int Wait(long long timeout_us, SPollReady* ready, int capacity);

@@ -1,6 +1,6 @@
 // The system's socket calls, reduced to what the layers above need. Descriptors are
-// signed 32-bit values with -1 for none on both systems. Failures return -1 and leave
-// the reason in last_error().
+// signed 32-bit values with -1 for none on both systems (a Windows SOCKET is a kernel
+// handle, which fits in 32 bits). Failures return -1 and leave the reason in last_error().
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,8 @@ long sock_send(int fd, const void* buf, std::size_t len);
 long sock_recv(int fd, void* buf, std::size_t len);
 
 /// A connected pair of stream descriptors in blocking mode: a socketpair on Linux, a
-/// loopback TCP connection on Windows (where select only accepts sockets); 0 or -1.
+/// loopback TCP connection on Windows (where select only accepts sockets; both ends
+/// without Nagle delay, fds[0] the accepted end); 0 or -1.
 int sock_stream_pair(int fds[2]);
 
 }  // namespace Qelvar::Platform
