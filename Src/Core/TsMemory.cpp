@@ -18,6 +18,7 @@ thread_local CMemPool* t_pool = nullptr;
 
 // Read without the key mutex on every Malloc/Free; written under it.
 std::atomic<CMemPool*> g_shared_pool{nullptr};
+// Guards creating the shared pool and freeing it.
 std::mutex g_key_mutex;
 // Held around the shared pool's list operations only, never around a heap call.
 Fundel::CMutex g_shared_mutex;
