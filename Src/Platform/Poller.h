@@ -13,11 +13,11 @@ namespace Qelvar::Platform {
 
 /// Interest and readiness bits.
 enum PollBits : unsigned int {
-    POLL_IN = 1,   ///< readable (select: read set)
-    POLL_OUT = 2,  ///< writable (select: write set)
-    POLL_PRI = 4,  ///< exceptional condition (epoll: EPOLLPRI; select: exception set)
-    POLL_ERR = 8,  ///< error on the descriptor (epoll only; always reported)
-    POLL_HUP = 16, ///< hang-up (epoll only; always reported)
+    POLLER_IN = 1,   ///< readable (select: read set)
+    POLLER_OUT = 2,  ///< writable (select: write set)
+    POLLER_PRI = 4,  ///< exceptional condition (epoll: EPOLLPRI; select: exception set)
+    POLLER_ERR = 8,  ///< error on the descriptor (epoll only; always reported)
+    POLLER_HUP = 16, ///< hang-up (epoll only; always reported)
 };
 
 /// One ready descriptor.
@@ -42,7 +42,7 @@ public:
     /// using the poller.
     void Close();
 
-    /// Starts watching `fd` for the bits of `interest` (POLL_IN | POLL_OUT | POLL_PRI),
+    /// Starts watching `fd` for the bits of `interest` (POLLER_IN | POLLER_OUT | POLLER_PRI),
     /// armed. 0 or -1. On Windows each set holds at most 4096 descriptors; a descriptor
     /// that does not fit is silently not watched for that bit (the call still returns 0).
     /// -1 when `fd` is watched already. On Windows a change wakes a running Wait().

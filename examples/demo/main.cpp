@@ -195,11 +195,11 @@ int main(int argc, char** argv)
     }
 
     std::printf("Corvane demo\n");
-    if (CNetThread::CreateThreadPool(0) != 0) {
+    if (CNetThread::CreateThreadPool(1) != 0) {
         std::printf("  could not create the public pool\n");
         return 1;
     }
-    const int priv = CNetThread::CreatePrivatePool(0);
+    const int priv = CNetThread::CreatePrivatePool(1);
     if (priv < 1) {
         std::printf("  could not create a private pool\n");
         CNetThread::DestroyThreadPool();

@@ -6,6 +6,7 @@
 #include "Core/Multiplexer.h"
 #include "Core/ThreadPool.h"
 #include "Fundel/Time.h"
+#include "Platform/Socket.h"
 #include "Probe.h"
 #include "TestSupport.h"
 
@@ -111,6 +112,7 @@ TEST(ThreadPool, SettersRefuseBadValues)
 
 TEST(ThreadPool, PollerWaitFollowsTheMultiplexerTimeout)
 {
+    ASSERT_EQ(Qelvar::Platform::sock_startup(), 0);  // the Windows wake pipe is a socket pair
     CMultiplexer fixed(0), unlimited(0), negative(0);
     ASSERT_EQ(fixed.Init(60), 0);
     ASSERT_EQ(unlimited.Init(0), 0);
@@ -136,6 +138,7 @@ TEST(ThreadPool, PollerWaitFollowsTheMultiplexerTimeout)
     waker.join();
     EXPECT_GE(elapsed, 90);
     EXPECT_LT(elapsed, 2000);
+    Qelvar::Platform::sock_cleanup();
 }
 
 // No worker takes an item for the deadlock period: the daemon reports it with what each

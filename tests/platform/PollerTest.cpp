@@ -84,33 +84,33 @@ protected:
 
 TEST_F(PollerTest, ModifyReplacesInterestReportDisarmsAndRemoveStops)
 {
-    ASSERT_EQ(m_poller.Add(m_a[0], POLL_IN), 0);
-    EXPECT_EQ(m_poller.Add(m_a[0], POLL_IN), -1);
+    ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
+    EXPECT_EQ(m_poller.Add(m_a[0], POLLER_IN), -1);
     Poke(m_a[1]);
     // Readable, but only writability is asked for now.
-    ASSERT_EQ(m_poller.Modify(m_a[0], POLL_OUT), 0);
-    EXPECT_EQ(WaitOne(m_a[0]), POLL_OUT);
+    ASSERT_EQ(m_poller.Modify(m_a[0], POLLER_OUT), 0);
+    EXPECT_EQ(WaitOne(m_a[0]), POLLER_OUT);
     // Still readable and writable, but disarmed: another thread must not get it too.
     QuietWaitMs(30000);
-    ASSERT_EQ(m_poller.Modify(m_a[0], POLL_IN), 0);
-    EXPECT_EQ(WaitOne(m_a[0]), POLL_IN);
-    ASSERT_EQ(m_poller.Modify(m_a[0], POLL_IN | POLL_OUT), 0);
-    EXPECT_EQ(WaitOne(m_a[0]), POLL_IN | POLL_OUT);
+    ASSERT_EQ(m_poller.Modify(m_a[0], POLLER_IN), 0);
+    EXPECT_EQ(WaitOne(m_a[0]), POLLER_IN);
+    ASSERT_EQ(m_poller.Modify(m_a[0], POLLER_IN | POLLER_OUT), 0);
+    EXPECT_EQ(WaitOne(m_a[0]), POLLER_IN | POLLER_OUT);
 
-    ASSERT_EQ(m_poller.Modify(m_a[0], POLL_IN), 0);
+    ASSERT_EQ(m_poller.Modify(m_a[0], POLLER_IN), 0);
     ASSERT_EQ(m_poller.Remove(m_a[0]), 0);
     WaitCount(30000);  // may be ended by the wake-up of the changes (Windows)
     // Gone from the system's view too, not just filtered: the wait runs its full time.
     EXPECT_GE(QuietWaitMs(30000), 29);
-    EXPECT_EQ(m_poller.Modify(m_a[0], POLL_IN), -1);
+    EXPECT_EQ(m_poller.Modify(m_a[0], POLLER_IN), -1);
     EXPECT_EQ(m_poller.Remove(m_a[0]), -1);
-    EXPECT_EQ(m_poller.Modify(m_b[0], POLL_IN), -1);
+    EXPECT_EQ(m_poller.Modify(m_b[0], POLLER_IN), -1);
 }
 
 TEST_F(PollerTest, ReadyBeyondCapacityStaysArmedForTheNextWait)
 {
-    ASSERT_EQ(m_poller.Add(m_a[0], POLL_IN), 0);
-    ASSERT_EQ(m_poller.Add(m_b[0], POLL_IN), 0);
+    ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
+    ASSERT_EQ(m_poller.Add(m_b[0], POLLER_IN), 0);
     Poke(m_a[1]);
     Poke(m_b[1]);
     int seen[2] = {-1, -1};
@@ -126,24 +126,24 @@ TEST_F(PollerTest, ReadyBeyondCapacityStaysArmedForTheNextWait)
 
 TEST_F(PollerTest, PeerCloseIsReportedAndAClosedPollerReopens)
 {
-    ASSERT_EQ(m_poller.Add(m_a[0], POLL_IN), 0);
+    ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
     m_a.Close(1);
-    EXPECT_NE(WaitOne(m_a[0]) & (POLL_IN | POLL_HUP), 0u);
+    EXPECT_NE(WaitOne(m_a[0]) & (POLLER_IN | POLLER_HUP), 0u);
     char c;
     EXPECT_EQ(sock_recv(m_a[0], &c, 1), 0);
 
     EXPECT_EQ(m_poller.Open(), -1);
     m_poller.Close();
     m_poller.Close();
-    EXPECT_EQ(m_poller.Add(m_a[0], POLL_IN), -1);
+    EXPECT_EQ(m_poller.Add(m_a[0], POLLER_IN), -1);
     ASSERT_EQ(m_poller.Open(), 0);
-    EXPECT_EQ(m_poller.Add(m_a[0], POLL_IN), 0);
+    EXPECT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
 }
 
 TEST_F(PollerTest, WakeEndsAnUnlimitedWaitFromAnotherThread)
 {
     // m_a[0] is the way out should Wake() not work: data on it ends the wait too.
-    ASSERT_EQ(m_poller.Add(m_a[0], POLL_IN), 0);
+    ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
     WaitCount(100000);  // consumes the wake-up that Add() makes on Windows
 
     std::future<int> waited = start_waiting([this] { return WaitCount(-1); });
@@ -167,7 +167,7 @@ TEST_F(PollerTest, InterestAddedDuringAWaitTakesEffect)
         return -1;
     });
     const Clock::time_point added = Clock::now();
-    ASSERT_EQ(m_poller.Add(m_a[0], POLL_OUT), 0);
+    ASSERT_EQ(m_poller.Add(m_a[0], POLLER_OUT), 0);
     EXPECT_EQ(reported.get(), m_a[0]);
     EXPECT_LT(elapsed_ms(added), 1000);
 }

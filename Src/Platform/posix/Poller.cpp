@@ -26,20 +26,20 @@ std::uint32_t to_epoll(unsigned int interest)
     std::uint32_t events = EPOLLONESHOT;
     // RDHUP only with read interest: a write-only registration would otherwise be woken
     // again and again by a peer that merely stopped sending.
-    if (interest & POLL_IN) events |= EPOLLIN | EPOLLRDHUP;
-    if (interest & POLL_OUT) events |= EPOLLOUT;
-    if (interest & POLL_PRI) events |= EPOLLPRI;
+    if (interest & POLLER_IN) events |= EPOLLIN | EPOLLRDHUP;
+    if (interest & POLLER_OUT) events |= EPOLLOUT;
+    if (interest & POLLER_PRI) events |= EPOLLPRI;
     return events;
 }
 
 unsigned int from_epoll(std::uint32_t events)
 {
     unsigned int bits = 0;
-    if (events & EPOLLIN) bits |= POLL_IN;
-    if (events & EPOLLOUT) bits |= POLL_OUT;
-    if (events & EPOLLPRI) bits |= POLL_PRI;
-    if (events & EPOLLERR) bits |= POLL_ERR;
-    if (events & (EPOLLHUP | EPOLLRDHUP)) bits |= POLL_HUP;
+    if (events & EPOLLIN) bits |= POLLER_IN;
+    if (events & EPOLLOUT) bits |= POLLER_OUT;
+    if (events & EPOLLPRI) bits |= POLLER_PRI;
+    if (events & EPOLLERR) bits |= POLLER_ERR;
+    if (events & (EPOLLHUP | EPOLLRDHUP)) bits |= POLLER_HUP;
     return bits;
 }
 

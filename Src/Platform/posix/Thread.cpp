@@ -80,21 +80,36 @@ int thread_set_priority(int priority, int policy)
         param.sched_priority = priority <= 1 ? lo : priority >= 127 ? hi : (lo + hi) / 2;
         return pthread_setschedparam(pthread_self(), SCHED_RR, &param);
     }
+    // Back to time-sharing, in case the thread ran real time before.
+    sched_param param{};
+    const int err = pthread_setschedparam(pthread_self(), SCHED_OTHER, &param);
+    if (err != 0) return err;
     // Time-sharing threads have no priority of their own on Linux: use the thread's nice value.
     const int nice_value = priority <= 1 ? 10 : priority >= 127 ? -10 : 0;
     if (setpriority(PRIO_PROCESS, static_cast<id_t>(thread_current_id()), nice_value) != 0) return errno;
     return 0;
 }
 
+namespace {
+
+// The processors the process may use: the mask of its main thread, whose id is the
+// process id. The calling thread's own mask may have been narrowed by pinning.
+bool process_mask(cpu_set_t& set)
+{
+    CPU_ZERO(&set);
+    return sched_getaffinity(getpid(), sizeof set, &set) == 0;
+}
+
+}  // namespace
+
 int thread_set_affinity(int cpu)
 {
     cpu_set_t set;
-    CPU_ZERO(&set);
     if (cpu >= 0) {
+        CPU_ZERO(&set);
         CPU_SET(cpu % CPU_SETSIZE, &set);
-    } else {
-        const long n = sysconf(_SC_NPROCESSORS_CONF);
-        for (long i = 0; i < n && i < CPU_SETSIZE; ++i) CPU_SET(i, &set);
+    } else if (!process_mask(set)) {
+        return errno;
     }
     return pthread_setaffinity_np(pthread_self(), sizeof set, &set);
 }
@@ -102,7 +117,7 @@ int thread_set_affinity(int cpu)
 int processor_count()
 {
     cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) == 0) {
+    if (process_mask(set)) {
         const int n = CPU_COUNT(&set);
         if (n > 0) return n;
     }

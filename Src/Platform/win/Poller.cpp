@@ -31,7 +31,7 @@ struct SocketSet {
 
 enum SetIndex { READ_SET, WRITE_SET, EXCEPT_SET, SET_COUNT };
 
-constexpr unsigned int kSetBits[SET_COUNT] = {POLL_IN, POLL_OUT, POLL_PRI};
+constexpr unsigned int kSetBits[SET_COUNT] = {POLLER_IN, POLLER_OUT, POLLER_PRI};
 
 /// Linear, like __WSAFDIsSet: the sets are arrays, not hashes.
 int set_find(const SocketSet& set, SOCKET s)
