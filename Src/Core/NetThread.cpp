@@ -96,6 +96,18 @@ int start_file_threads()
     return files.Start(2 * static_cast<unsigned int>(g_processors));
 }
 
+// Stores a time-out setting of the next pools; negative values are refused.
+int set_timeout(int SPoolSettings::*setting, int ms, const char* function)
+{
+    if (ms < 0) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : timeout is set error please check, timeout:%d !\n", function, ms);
+        return -1;
+    }
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_settings.*setting = ms;
+    return 0;
+}
+
 // Stops every service in the reverse order of check_on_init.
 void teardown()
 {
@@ -238,14 +250,7 @@ int CNetThread::SetThreadPriority(int priority, int policy, int stack)
 
 int CNetThread::SetMultiplexerTimeOut(int ms)
 {
-    if (ms < 0) {
-        CVN_LOG(Fundel::LOG_WARN, "%s : timeout is set error please check, timeout:%d !\n",
-                "CNetThread::SetMultiplexerTimeOut", ms);
-        return -1;
-    }
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_settings.mux_timeout_ms = ms;
-    return 0;
+    return set_timeout(&SPoolSettings::mux_timeout_ms, ms, "CNetThread::SetMultiplexerTimeOut");
 }
 
 int CNetThread::SetRecvThreadNum(int num)
@@ -264,14 +269,7 @@ int CNetThread::SetRecvThreadNum(int num)
 
 int CNetThread::SetThreadTimeOut(int ms)
 {
-    if (ms < 0) {
-        CVN_LOG(Fundel::LOG_WARN, "%s : timeout is set error please check, timeout:%d !\n",
-                "CNetThread::SetThreadTimeOut", ms);
-        return -1;
-    }
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_settings.thread_timeout_ms = ms;
-    return 0;
+    return set_timeout(&SPoolSettings::thread_timeout_ms, ms, "CNetThread::SetThreadTimeOut");
 }
 
 void CNetThread::TraversalSock()

@@ -34,6 +34,17 @@ bool valid_index(int index)
 
 }  // namespace
 
+// Runs f(pool) under the index's guard, read-locked, when pool `index` exists; returns
+// `absent` otherwise. The guard keeps the pool from being withdrawn meanwhile.
+template <class R, class F>
+R CThreadPool::with_pool(int index, R absent, F&& f)
+{
+    if (!valid_index(index)) return absent;
+    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
+    CThreadPool* pool = g_pools[index];
+    return pool ? f(*pool) : absent;
+}
+
 CThreadPool::CThreadPool(int index, unsigned int count, const SPoolSettings& settings, int processors)
     : m_index(index),
       m_thread_count(adjustThreadNumber(count, processors, this)),
@@ -330,8 +341,10 @@ void CThreadPool::Traversal()
 void CThreadPool::traversal_all()
 {
     for (int index = 0; index < kMaxPools; ++index) {
-        std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-        if (g_pools[index]) g_pools[index]->Traversal();
+        with_pool(index, false, [](CThreadPool& pool) {
+            pool.Traversal();
+            return true;
+        });
     }
 }
 
@@ -352,111 +365,94 @@ CThreadPool* CThreadPool::withdraw(int index)
 
 bool CThreadPool::exists(int index)
 {
-    if (!valid_index(index)) return false;
-    std::shared_lock<Fundel::CReadWriteMutex> lock(g_guards[index]);
-    return g_pools[index] != nullptr;
+    return with_pool(index, false, [](CThreadPool&) { return true; });
 }
 
 bool CThreadPool::post(int index, SEvent* head, SEvent* tail, unsigned int count)
 {
-    if (!valid_index(index)) return false;
-    std::shared_lock<Fundel::CReadWriteMutex> lock(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return false;
-    pool->m_queue.Append(head, tail, count);
-    return true;
+    return with_pool(index, false, [&](CThreadPool& pool) {
+        pool.m_queue.Append(head, tail, count);
+        return true;
+    });
 }
 
 bool CThreadPool::post_front(int index, SEvent* record)
 {
-    if (!valid_index(index)) return false;
-    std::shared_lock<Fundel::CReadWriteMutex> lock(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return false;
-    pool->m_queue.PushFront(record);
-    return true;
+    return with_pool(index, false, [&](CThreadPool& pool) {
+        pool.m_queue.PushFront(record);
+        return true;
+    });
 }
 
 bool CThreadPool::post_serial(int index, SEvent* record)
 {
-    if (!valid_index(index)) return false;
-    std::shared_lock<Fundel::CReadWriteMutex> lock(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return false;
-    record->next = nullptr;
-    bool need_token;
-    {
-        std::lock_guard<std::mutex> serial(pool->m_serial_mutex);
-        if (pool->m_serial_tail) pool->m_serial_tail->next = record;
-        else pool->m_serial_head = record;
-        pool->m_serial_tail = record;
-        need_token = pool->m_serial_idle;
-        pool->m_serial_idle = false;
-    }
-    if (need_token) {
-        SEvent* token = CReclaimPool::sm_reclaim_pool.Take();
-        token->m_key = EVENT_SERIAL_TOKEN;
-        pool->m_queue.Append(token);
-    }
-    return true;
+    return with_pool(index, false, [&](CThreadPool& pool) {
+        record->next = nullptr;
+        bool need_token;
+        {
+            std::lock_guard<std::mutex> serial(pool.m_serial_mutex);
+            if (pool.m_serial_tail) pool.m_serial_tail->next = record;
+            else pool.m_serial_head = record;
+            pool.m_serial_tail = record;
+            need_token = pool.m_serial_idle;
+            pool.m_serial_idle = false;
+        }
+        if (need_token) {
+            SEvent* token = CReclaimPool::sm_reclaim_pool.Take();
+            token->m_key = EVENT_SERIAL_TOKEN;
+            pool.m_queue.Append(token);
+        }
+        return true;
+    });
 }
 
 SHandlerState* CThreadPool::find_object(std::int64_t id)
 {
     if (id >= 0) return nullptr;
-    const int index = pool_of(id);
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return nullptr;
-    std::shared_lock<Fundel::CReadWriteMutex> lock(pool->m_objects.Lock());
-    SHandlerState* state = pool->m_objects.Find(id);
-    if (state) state->m_refs.fetch_add(1);
-    return state;
+    return with_pool(pool_of(id), static_cast<SHandlerState*>(nullptr), [id](CThreadPool& pool) {
+        std::shared_lock<Fundel::CReadWriteMutex> lock(pool.m_objects.Lock());
+        SHandlerState* state = pool.m_objects.Find(id);
+        if (state) state->m_refs.fetch_add(1);
+        return state;
+    });
 }
 
 std::int64_t CThreadPool::new_id(int index)
 {
-    if (!valid_index(index)) return 0;
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    return pool ? pool->m_id_pool.GetId() : 0;
+    return with_pool(index, std::int64_t{0}, [](CThreadPool& pool) { return pool.m_id_pool.GetId(); });
 }
 
 void CThreadPool::put_id(std::int64_t id)
 {
-    const int index = pool_of(id);
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (pool) pool->m_id_pool.PutId(id);
+    with_pool(pool_of(id), false, [id](CThreadPool& pool) {
+        pool.m_id_pool.PutId(id);
+        return true;
+    });
 }
 
 std::int64_t CThreadPool::insert_object(int index, SHandlerState* state)
 {
-    if (!valid_index(index)) return 0;
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return 0;
-    const std::int64_t id = pool->m_id_pool.GetId();
-    state->m_id.store(id);
-    std::unique_lock<Fundel::CReadWriteMutex> lock(pool->m_objects.Lock());
-    pool->m_objects.Insert(id, state);
-    return id;
+    return with_pool(index, std::int64_t{0}, [state](CThreadPool& pool) {
+        const std::int64_t id = pool.m_id_pool.GetId();
+        state->m_id.store(id);
+        std::unique_lock<Fundel::CReadWriteMutex> lock(pool.m_objects.Lock());
+        pool.m_objects.Insert(id, state);
+        return id;
+    });
 }
 
 SHandlerState* CThreadPool::remove_object(std::int64_t id)
 {
     if (id >= 0) return nullptr;
-    const int index = pool_of(id);
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
-    CThreadPool* pool = g_pools[index];
-    if (!pool) return nullptr;
-    SHandlerState* state;
-    {
-        std::unique_lock<Fundel::CReadWriteMutex> lock(pool->m_objects.Lock());
-        state = pool->m_objects.Erase(id);
-    }
-    if (state) pool->m_id_pool.PutId(id);
-    return state;
+    return with_pool(pool_of(id), static_cast<SHandlerState*>(nullptr), [id](CThreadPool& pool) {
+        SHandlerState* state;
+        {
+            std::unique_lock<Fundel::CReadWriteMutex> lock(pool.m_objects.Lock());
+            state = pool.m_objects.Erase(id);
+        }
+        if (state) pool.m_id_pool.PutId(id);
+        return state;
+    });
 }
 
 }  // namespace Qelvar::Corvane

@@ -97,6 +97,9 @@ public:
     static std::atomic<int> sm_daemon_wait_ms;      ///< 5000: the daemon's wait between passes
 
 private:
+    template <class R, class F>
+    static R with_pool(int index, R absent, F&& f);
+
     void worker_loop(Fundel::CThreadLite& thread);
     void dispatch(SEvent* record, Fundel::CThreadLite& thread);
     void drain_serial(SEvent* token, Fundel::CThreadLite& thread);
