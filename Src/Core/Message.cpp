@@ -39,10 +39,17 @@ void CMessage::Notify(std::int64_t sender, std::int64_t receiver, std::uint32_t 
         return;
     }
     SEvent* record = make_message(EVENT_MESSAGE, sender, receiver, type, attach);
-    const bool posted = is_io ? CFileThreadPool::Instance().Post(record)
-                              : CThreadPool::post(CThreadPool::pool_of(receiver), record, record, 1);
-    // No pool (or no file thread) for the receiver: it cannot exist, so the message is dropped.
-    if (!posted) CReclaimPool::sm_reclaim_pool.GiveBack(record);
+    if (is_io) {
+        if (CFileThreadPool::Instance().Post(record)) return;
+        // Nothing would ever take it: say so, since the sender expects it handled.
+        CVN_LOG(Fundel::LOG_WARN,
+                "CMessage::Notify, no file thread is running, message dropped, receiver:%ld, sender:%lld, type:%d\n",
+                static_cast<long>(receiver), static_cast<long long>(sender), static_cast<int>(type));
+    } else if (CThreadPool::post(CThreadPool::pool_of(receiver), record, record, 1)) {
+        return;
+    }
+    // No pool for the receiver: it cannot exist, so the message is dropped.
+    CReclaimPool::sm_reclaim_pool.GiveBack(record);
 }
 
 void CMessage::NotifySerial(std::int64_t sender, std::int64_t receiver, std::uint32_t type, std::int64_t attach,

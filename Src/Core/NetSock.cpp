@@ -62,12 +62,15 @@ void CNetSock::handle_netevent(SEvent* event)
 int CNetSock::InitEnvironment()
 {
     const int err = Platform::sock_startup();
-    if (err != 0) {
-        char text[256];
-        CVN_LOG(Fundel::LOG_ERROR, "WSAStartup failed! ERR:[%d],%s\n", err, Platform::error_text(err, text, sizeof text));
-        return -1;
+    if (err == 0) return 0;
+    char text[256];
+    Platform::error_text(err, text, sizeof text);
+    if (Platform::is_unsupported_version(err)) {
+        CVN_LOG(Fundel::LOG_ERROR, "check Berkeley Sockets version failed! ERR:[%d],%s\n", err, text);
+    } else {
+        CVN_LOG(Fundel::LOG_ERROR, "WSAStartup failed! ERR:[%d],%s\n", err, text);
     }
-    return 0;
+    return -1;
 }
 
 void CNetSock::CleanupEnvironment()

@@ -30,4 +30,8 @@ bool is_in_progress(int err);
 /// WSAECONNABORTED.
 bool is_connection_reset(int err);
 
+/// The socket library is there but not in the version asked for: WSAVERNOTSUPPORTED;
+/// never on Linux.
+bool is_unsupported_version(int err);
+
 }  // namespace Qelvar::Platform

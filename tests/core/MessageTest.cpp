@@ -89,8 +89,9 @@ TEST(Message, NotifyIORunsOnAFileThread)
         EXPECT_EQ(name, "Corvane::FileThread");
         p.Close();
     }
-    // Without file threads the message is dropped.
+    // Without file threads the message is dropped, and the sender is told.
     PoolScope scope(2, false);
+    Qelvar::Test::LogCapture log(3);
     Probe p(0);
     p.on_message = [&](long, unsigned int, long) {
         got.Add();
@@ -99,6 +100,7 @@ TEST(Message, NotifyIORunsOnAFileThread)
     p.NotifyIO(p.GetID(), 3, 0);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(got.Count(), 1);
+    EXPECT_TRUE(log.Contains("no file thread is running, message dropped"));
     p.Close();
 }
 

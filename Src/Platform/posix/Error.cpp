@@ -48,4 +48,9 @@ bool is_connection_reset(int err)
     return err == ECONNRESET || err == ECONNABORTED || err == EPIPE;
 }
 
+bool is_unsupported_version(int)
+{
+    return false;
+}
+
 }  // namespace Qelvar::Platform

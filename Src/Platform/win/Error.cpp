@@ -60,4 +60,9 @@ bool is_connection_reset(int err)
     return err == WSAECONNRESET || err == WSAECONNABORTED;
 }
 
+bool is_unsupported_version(int err)
+{
+    return err == WSAVERNOTSUPPORTED;
+}
+
 }  // namespace Qelvar::Platform
