@@ -134,7 +134,7 @@ public:
     void Start()
     {
         m_last = Clock::now();
-        m_timer = SetTimer(m_interval_us);
+        SetTimer(m_interval_us);
     }
     void Stop() { m_running.store(false); }
 
@@ -157,7 +157,6 @@ public:
 
 private:
     long long m_interval_us;
-    long m_timer = 0;
     Clock::time_point m_last;
     std::atomic<bool> m_running{true};
     std::mutex m_mutex;

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "Fundel/LogDefs.h"
 #include "TestSupport.h"
 
@@ -59,18 +57,4 @@ TEST(Log, LongMessagesAreNotTruncated)
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].message.size(), big.size() + 4);
     EXPECT_EQ(records[0].message.substr(big.size()), "|end");
-}
-
-TEST(Log, SinkMayLogAndBeReplacedConcurrently)
-{
-    LogCapture outer(6);
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 2000 && !stop; ++i) Qelvar::Corvane::CLogProbe::Write(2);
-    });
-    for (int i = 0; i < 200; ++i) {
-        Qelvar::Fundel::SetLogSink([](const Qelvar::Fundel::LogRecord&) {});
-    }
-    stop = true;
-    writer.join();
 }
