@@ -277,6 +277,11 @@ void CNetThread::TraversalSock()
     CThreadPool::traversal_all();
 }
 
+void CNetThread::DumpSockEvent(int fd)
+{
+    CThreadPool::dump_sock_event_all(fd);
+}
+
 }  // namespace Qelvar::Corvane
 
 int CreateThreadPool(unsigned int count, bool file_threads)

@@ -348,6 +348,28 @@ void CThreadPool::traversal_all()
     }
 }
 
+void CThreadPool::dump_sock_event_all(int fd)
+{
+    for (int index = 0; index < kMaxPools; ++index) {
+        with_pool(index, false, [fd](CThreadPool& pool) {
+            std::shared_lock<Fundel::CReadWriteMutex> sockets(pool.m_sockets.Lock());
+            SEvent* event = pool.m_sockets.Find(fd);
+            if (!event) return false;
+            std::lock_guard<Fundel::CMutex> record(event->m_mutex);
+            std::shared_lock<Fundel::CReadWriteMutex> objects(pool.m_objects.Lock());
+            SHandlerState* owner = pool.m_objects.Find(event->obj_id);
+            CNetHandler* handler = owner ? owner->m_owner : nullptr;
+            CVN_LOG(Fundel::LOG_WARN,
+                    "CNetThread::DumpSockEvent, pool:%d, sock fd: %d, owner: %p, owner type:%s, mask:%u, revents:%u, "
+                    "evready:%u, set_time:%d\n",
+                    pool.m_index, fd, static_cast<void*>(handler), object_class_name(handler).c_str(),
+                    event->socket.m_event_mask, static_cast<unsigned int>(event->socket.m_revents), event->m_evready,
+                    event->timer.m_set_time);
+            return true;
+        });
+    }
+}
+
 void CThreadPool::publish(CThreadPool* pool)
 {
     std::unique_lock<Fundel::CReadWriteMutex> lock(g_guards[pool->m_index]);

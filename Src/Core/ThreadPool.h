@@ -52,6 +52,8 @@ public:
     void Traversal();
     /// Traversal() of every pool.
     static void traversal_all();
+    /// Logs the record of socket `fd` in every pool that has one.
+    static void dump_sock_event_all(int fd);
 
     // The pool table. A pool is published in it once started and withdrawn before it
     // stops; posting and lookups hold the index's guard for reading, so they never race

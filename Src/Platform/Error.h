@@ -26,6 +26,9 @@ bool is_interrupted(int err);
 /// A non-blocking connect is under way: EINPROGRESS; WSAEWOULDBLOCK, WSAEINPROGRESS.
 bool is_in_progress(int err);
 
+/// A connect is already under way: EALREADY; WSAEALREADY.
+bool is_already(int err);
+
 /// The peer reset or aborted the connection: ECONNRESET, ECONNABORTED, EPIPE; WSAECONNRESET,
 /// WSAECONNABORTED.
 bool is_connection_reset(int err);

@@ -55,6 +55,9 @@ public:
 
     /// Logs every registered socket of every pool at level 4.
     static void TraversalSock();
+
+    /// Logs the registration of socket `fd` in every pool that has it, at level 3.
+    static void DumpSockEvent(int fd);
 };
 
 }  // namespace Qelvar::Corvane

@@ -43,6 +43,11 @@ bool is_in_progress(int err)
     return err == EINPROGRESS;
 }
 
+bool is_already(int err)
+{
+    return err == EALREADY;
+}
+
 bool is_connection_reset(int err)
 {
     return err == ECONNRESET || err == ECONNABORTED || err == EPIPE;

@@ -55,6 +55,11 @@ bool is_in_progress(int err)
     return err == WSAEWOULDBLOCK || err == WSAEINPROGRESS;
 }
 
+bool is_already(int err)
+{
+    return err == WSAEALREADY;
+}
+
 bool is_connection_reset(int err)
 {
     return err == WSAECONNRESET || err == WSAECONNABORTED;
