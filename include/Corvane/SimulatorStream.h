@@ -31,6 +31,8 @@ public:
     int WriteV(const iovec* vec, int count);
 
 private:
+    int send_piece(const char* buf, unsigned int len);
+
     SSimulatorData* m_data;
 };
 

@@ -57,6 +57,12 @@ public:
     int SetSockPriority(int priority);
     /// Close-on-exec on or off (Linux; every socket starts with it on); refused on Windows.
     int SetSockCLOEXEC(bool on);
+
+private:
+    int open_for(const CSockAddr& remote, const CSockAddr* local, const char* function);
+    int bind_local(const CSockAddr& local, const char* function);
+    int connect_to(const CSockAddr& remote, bool tolerate_pending, const char* function);
+    int set_io_timeouts(int ms, const char* function);
 };
 
 }  // namespace Qelvar::Corvane
