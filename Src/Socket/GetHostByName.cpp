@@ -242,9 +242,19 @@ int CGetHostByName::FreeSlotCount()
     std::lock_guard<std::mutex> lock(m_mutex);
     int free = 0;
     for (SSlot& slot : m_slots) {
-        if (!slot.busy && !slot.lookup_timer.IsActive() && !slot.expiry_timer.IsActive()) ++free;
+        if (!idle(slot)) continue;
+        // Join the threads of finished one-shots now rather than at the slot's next
+        // request; their callbacks are over, so this does not wait for the mutex.
+        slot.lookup_timer.Stop();
+        slot.expiry_timer.Stop();
+        ++free;
     }
     return free;
+}
+
+bool CGetHostByName::idle(const SSlot& slot)
+{
+    return !slot.busy && !slot.lookup_timer.IsActive() && !slot.expiry_timer.IsActive();
 }
 
 int CGetHostByName::addRequest(const ADDR_INFO& request, bool all, bool async, unsigned long long timeout_ms)
@@ -253,7 +263,7 @@ int CGetHostByName::addRequest(const ADDR_INFO& request, bool all, bool async, u
     for (int index = 0; index < ADDR_RECORD_MAX; ++index) {
         SSlot& slot = m_slots[index];
         // A slot whose earlier lookup still runs stays taken: that lookup ends into it.
-        if (slot.busy || slot.lookup_timer.IsActive() || slot.expiry_timer.IsActive()) continue;
+        if (!idle(slot)) continue;
         slot.name = request.name;
         slot.family = request.family;
         slot.socktype = request.socktype;
@@ -304,6 +314,11 @@ bool CGetHostByName::wait(int index, unsigned long long timeout_ms, ADDR_RECORD_
         if (slot.done) {
             const bool ok = slot.succeeded;
             if (ok) *out = slot.results;
+            // The lookup thread has only its return left; join it while the slot is
+            // still ours, so no new request starts the timer meanwhile.
+            lock.unlock();
+            slot.lookup_timer.Stop();
+            lock.lock();
             release(slot);
             return ok;
         }

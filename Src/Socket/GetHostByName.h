@@ -88,7 +88,7 @@ public:
     /// another family or a short `text`.
     static bool addrTostr(int family, const void* address, char* text, std::size_t len);
 
-    /// Slots a new request could take now.
+    /// Slots a new request could take now. Joins the threads of lookups that have ended.
     int FreeSlotCount();
 
     /// Replaces the system lookup, for tests and fuzzing; an empty function restores it.
@@ -118,6 +118,7 @@ private:
 
     CGetHostByName() = default;
 
+    static bool idle(const SSlot& slot);
     bool valid_request(const ADDR_INFO* request, bool has_target);
     int addRequest(const ADDR_INFO& request, bool all, bool async, unsigned long long timeout_ms);
     bool wait(int index, unsigned long long timeout_ms, ADDR_RECORD_ALL* out);
