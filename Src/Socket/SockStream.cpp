@@ -25,6 +25,16 @@ bool is_retry(int err)
     return Platform::is_would_block(err) || Platform::is_interrupted(err) || err == 11;
 }
 
+// The error that an exceptional condition left on the socket (its SO_ERROR), for the
+// log line: the thread's last error says nothing about it.
+int pending_error(int fd)
+{
+    int err = 0;
+    int len = sizeof err;
+    if (Platform::sock_getopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return Platform::last_error();
+    return err;
+}
+
 int system_family(unsigned int family)
 {
     return family == SOCKADDR_TYPE_IPV4 ? AF_INET : AF_INET6;
@@ -306,7 +316,7 @@ int CSockStream::Send_n(const char* buf, unsigned int len, int timeout_us)
         }
         if (w == 0) return static_cast<int>(sent);
         if (ready & Platform::SOCK_EXCEPTION) {
-            const int err = Platform::last_error();
+            const int err = pending_error(m_sockfd);
             CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Send_n error, socket exception! fd[%d], error:%d, %s\n",
                     static_cast<void*>(this), kFunction, m_sockfd, err, SErrorText(err).text);
             return -1;
@@ -351,7 +361,7 @@ int CSockStream::Recv_n(char* buf, unsigned int len, int timeout_us)
         // A closed or reset peer is readable too: the receive below tells it apart from
         // an exceptional condition such as out-of-band data.
         if ((ready & Platform::SOCK_EXCEPTION) && !(ready & Platform::SOCK_READABLE)) {
-            const int err = Platform::last_error();
+            const int err = pending_error(m_sockfd);
             CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Recv_n error, socket exception, fd[%d], error:%d, %s\n",
                     static_cast<void*>(this), kFunction, m_sockfd, err, SErrorText(err).text);
             return -1;
