@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "Platform/SockTypes.h"
@@ -18,7 +17,6 @@
 
 namespace Qelvar::Test {
 
-/// Starts the socket library for the life of a test.
 class SocketTestBase : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(Platform::sock_startup(), 0); }
@@ -28,7 +26,7 @@ protected:
 /// A descriptor closed when it goes out of scope.
 class Fd {
 public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
+    explicit Fd(int fd) : m_fd(fd) {}
     ~Fd()
     {
         if (m_fd != -1) Platform::sock_close(m_fd);
@@ -48,27 +46,20 @@ struct Addr {
 
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
-    int family() const { return storage.ss_family; }
-    unsigned short port() const
-    {
-        const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
-        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
-        return ntohs(family() == AF_INET ? v4->sin_port : v6->sin6_port);
-    }
+    const sockaddr_in& v4() const { return reinterpret_cast<const sockaddr_in&>(storage); }
+    const sockaddr_in6& v6() const { return reinterpret_cast<const sockaddr_in6&>(storage); }
+    unsigned short port() const { return ntohs(storage.ss_family == AF_INET ? v4().sin_port : v6().sin6_port); }
+
     /// "address%scope port", for comparisons that print well.
     std::string text() const
     {
-        const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
-        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
         char buf[64] = "?";
-        if (family() == AF_INET) {
-            Platform::addr_to_text(AF_INET, &v4->sin_addr, buf, sizeof buf);
-        } else {
-            Platform::addr_to_text(AF_INET6, &v6->sin6_addr, buf, sizeof buf);
-        }
+        const bool is_v4 = storage.ss_family == AF_INET;
+        Platform::addr_to_text(storage.ss_family, is_v4 ? static_cast<const void*>(&v4().sin_addr) : &v6().sin6_addr,
+                               buf, sizeof buf);
         // Appended piece by piece: g++ 12 at -O3 sees overlaps in a chain of operator+.
         std::string out = buf;
-        if (family() == AF_INET6 && v6->sin6_scope_id != 0) out.append("%").append(std::to_string(v6->sin6_scope_id));
+        if (!is_v4 && v6().sin6_scope_id != 0) out.append("%").append(std::to_string(v6().sin6_scope_id));
         return out.append(" ").append(std::to_string(port()));
     }
 };
@@ -107,12 +98,12 @@ inline Addr peer_of(int fd)
     return a;
 }
 
-/// A socket of `type` bound to a loopback (or the wildcard) address with a port of the
+/// A socket bound to the loopback (or wildcard) address of `family` with a port of the
 /// system's choice; -1 when the family is not there.
 inline int bound_socket(int family, int type, bool any = false)
 {
     const int fd = Platform::sock_open(family, type, 0);
-    Addr a = make_addr(family, 0, any);
+    const Addr a = make_addr(family, 0, any);
     if (fd != -1 && Platform::sock_bind(fd, a.get(), a.len) != 0) {
         Platform::sock_close(fd);
         return -1;
@@ -120,7 +111,6 @@ inline int bound_socket(int family, int type, bool any = false)
     return fd;
 }
 
-/// Waits up to two seconds for `fd` to become readable.
 inline bool readable_soon(int fd)
 {
     unsigned int ready = 0;
@@ -140,11 +130,6 @@ inline bool inheritable(int fd)
     EXPECT_NE(flags, -1);
     return (flags & FD_CLOEXEC) == 0;
 #endif
-}
-
-inline std::string family_name(const testing::TestParamInfo<int>& info)
-{
-    return info.param == AF_INET ? "IPv4" : "IPv6";
 }
 
 }  // namespace Qelvar::Test

@@ -3,6 +3,7 @@
 
 #include <Corvane/IoVec.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -28,43 +29,33 @@ protected:
     int family() const { return GetParam(); }
 };
 
-/// The library's iovec over `parts`, fields set by name (their order differs by system).
-std::vector<Corvane::iovec> gather(const std::vector<std::string>& parts)
+/// The library's iovec over `parts` (fields set by name: their order differs by system)
+/// and what they send together.
+std::vector<Corvane::iovec> gather(const std::vector<std::string>& parts, std::string* all)
 {
     std::vector<Corvane::iovec> vec(parts.size());
     for (std::size_t i = 0; i < parts.size(); ++i) {
         vec[i].iov_base = const_cast<char*>(parts[i].data());
         vec[i].iov_len = static_cast<decltype(vec[i].iov_len)>(parts[i].size());
+        *all += parts[i];
     }
     return vec;
 }
+// Parts that die with the call would leave the iovec pointing into freed strings.
+std::vector<Corvane::iovec> gather(std::vector<std::string>&&, std::string*) = delete;
 
-std::string joined(const std::vector<std::string>& parts)
-{
-    std::string all;
-    for (const std::string& p : parts) all += p;
-    return all;
-}
-
-/// Reads from a stream until `n` bytes came, the peer closed or nothing came for a while.
-std::string recv_stream(int fd, std::size_t n)
+/// What arrives on `fd` (one datagram, or a stream until `n` bytes) within a while.
+std::string receive(int fd, std::size_t n, Addr* from = nullptr)
 {
     std::string got;
     char buf[4096];
-    for (int i = 0; i < 1000 && got.size() < n && readable_soon(fd); ++i) {
-        const long r = sock_recv(fd, buf, sizeof buf);
+    for (int i = 0; i < 100 && got.size() < n && readable_soon(fd); ++i) {
+        const long r = from ? sock_recvfrom(fd, buf, sizeof buf, from->get(), &from->len) : sock_recv(fd, buf, sizeof buf);
         if (r <= 0) break;
         got.append(buf, static_cast<std::size_t>(r));
+        if (from) break;
     }
     return got;
-}
-
-std::string recv_datagram(int fd, Addr* from)
-{
-    char buf[2048];
-    if (!readable_soon(fd)) return "(nothing came)";
-    const long r = sock_recvfrom(fd, buf, sizeof buf, from->get(), &from->len);
-    return r < 0 ? "(failed)" : std::string(buf, static_cast<std::size_t>(r));
 }
 
 }  // namespace
@@ -98,16 +89,15 @@ TEST_P(LoopbackTest, TcpConnectsAcceptsAndCarriesAGatheredSendInOrder)
     EXPECT_FALSE(inheritable(accepted));
     EXPECT_EQ(peer.len, make_addr(family(), 0).len);
     EXPECT_EQ(peer.text(), local_of(client).text());
-    EXPECT_EQ(peer_of(accepted).text(), local_of(client).text());
     EXPECT_EQ(peer_of(client).text(), server.text());
     EXPECT_EQ(local_of(accepted).text(), server.text());
 
     const std::vector<std::string> parts = {"head:", std::string(3000, 'x') + "y", "-", std::string(700, 'z'), ":tail"};
-    const std::vector<Corvane::iovec> vec = gather(parts);
+    std::string all;
+    const std::vector<Corvane::iovec> vec = gather(parts, &all);
     ASSERT_EQ(sock_set_nonblocking(client, false), 0);
-    ASSERT_EQ(sock_sendv(client, vec.data(), static_cast<int>(vec.size()), nullptr, 0),
-              static_cast<long>(joined(parts).size()));
-    EXPECT_EQ(recv_stream(accepted, joined(parts).size()), joined(parts));
+    ASSERT_EQ(sock_sendv(client, vec.data(), static_cast<int>(vec.size()), nullptr, 0), static_cast<long>(all.size()));
+    EXPECT_EQ(receive(accepted, all.size()), all);
 }
 
 TEST_P(LoopbackTest, RefusedNonBlockingConnectIsAnExceptionWithItsReasonInSoError)
@@ -141,19 +131,15 @@ TEST_P(LoopbackTest, UdpDatagramsKeepTheirBoundariesAndSenders)
 
     ASSERT_EQ(sock_sendto(a, "one", 3, to_b.get(), to_b.len), 3);
     const std::vector<std::string> parts = {"two-", "three-", std::string(1000, 'f'), "-four"};
-    const std::vector<Corvane::iovec> vec = gather(parts);
+    std::string all;
+    const std::vector<Corvane::iovec> vec = gather(parts, &all);
     ASSERT_EQ(sock_sendv(a, vec.data(), static_cast<int>(vec.size()), to_b.get(), to_b.len),
-              static_cast<long>(joined(parts).size()));
+              static_cast<long>(all.size()));
 
     Addr from;
-    EXPECT_EQ(recv_datagram(b, &from), "one");
+    EXPECT_EQ(receive(b, 1, &from), "one");
     EXPECT_EQ(from.text(), local_of(a).text());
-    EXPECT_EQ(recv_datagram(b, &from), joined(parts));
-
-    // A connected datagram socket sends a gathered datagram without an address.
-    ASSERT_EQ(sock_connect(a, to_b.get(), to_b.len), 0);
-    ASSERT_EQ(sock_sendv(a, vec.data(), 2, nullptr, 0), 10);
-    EXPECT_EQ(recv_datagram(b, &from), "two-three-");
+    EXPECT_EQ(receive(b, 1, &from), all);
 }
 
 TEST_P(LoopbackTest, RecvMsgTellsTheAddressADatagramWasSentToWithThePort)
@@ -186,6 +172,9 @@ TEST_P(LoopbackTest, RecvMsgTellsTheAddressADatagramWasSentToWithThePort)
 #endif
 }
 
-INSTANTIATE_TEST_SUITE_P(Families, LoopbackTest, testing::Values(AF_INET, AF_INET6), family_name);
+INSTANTIATE_TEST_SUITE_P(Families, LoopbackTest, testing::Values(AF_INET, AF_INET6),
+                         [](const testing::TestParamInfo<int>& info) -> std::string {
+                             return info.param == AF_INET ? "IPv4" : "IPv6";
+                         });
 
 }  // namespace Qelvar::Platform

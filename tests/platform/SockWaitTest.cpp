@@ -3,14 +3,14 @@
 
 #include <chrono>
 #include <future>
-#include <thread>
 
-#include "Platform/Error.h"
+#include "Background.h"
 #include "Platform/Socket.h"
 #include "StreamPair.h"
 
 namespace Qelvar::Platform {
 
+using Test::start_call;
 using Test::StreamPair;
 using Clock = std::chrono::steady_clock;
 
@@ -19,22 +19,6 @@ namespace {
 long long elapsed_us(Clock::time_point since)
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - since).count();
-}
-
-/// Runs `call` on another thread and returns once that thread is about to make it.
-template <class F>
-std::future<long long> start(F call)
-{
-    std::promise<void> started;
-    std::future<void> running = started.get_future();
-    std::future<long long> result = std::async(std::launch::async, [started = std::move(started), call]() mutable {
-        started.set_value();
-        return call();
-    });
-    running.wait();
-    // Most likely inside the call by now; the tests hold either way.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return result;
 }
 
 }  // namespace
@@ -57,10 +41,9 @@ TEST(SockWait, HonoursTheTimeReportsReadinessAndTakesAHangUpForReadable)
     EXPECT_EQ(ready, SOCK_WRITABLE);
 
     // Without a limit: ended by data that comes while it waits.
-    std::future<long long> waited = start([&pair] {
+    std::future<int> waited = start_call([&pair] {
         unsigned int bits = 0;
-        const int n = sock_wait(pair[0], SOCK_READABLE, -1, &bits);
-        return n == 1 ? static_cast<long long>(bits) : -100 - n;
+        return sock_wait(pair[0], SOCK_READABLE, -1, &bits) == 1 ? static_cast<int>(bits) : -1;
     });
     ASSERT_EQ(sock_send(pair[1], "x", 1), 1);
     ASSERT_EQ(waited.wait_for(std::chrono::seconds(2)), std::future_status::ready);
@@ -82,11 +65,10 @@ TEST(SockWait, BlockingReceiveGivesUpAfterItsTimeOut)
     ASSERT_TRUE(pair.Ok());
     EXPECT_EQ(sock_set_io_timeout(pair[0], true, -1), -1);
     ASSERT_EQ(sock_set_io_timeout(pair[0], true, 100), 0);
-    std::future<long long> took = start([&pair] {
+    std::future<long long> took = start_call([&pair] {
         const Clock::time_point begun = Clock::now();
         char c;
-        const long n = sock_recv(pair[0], &c, 1);
-        return n == -1 ? elapsed_us(begun) : -1;
+        return sock_recv(pair[0], &c, 1) == -1 ? elapsed_us(begun) : -1;
     });
     const bool ended = took.wait_for(std::chrono::seconds(3)) == std::future_status::ready;
     if (!ended) sock_send(pair[1], "x", 1);  // lets the receive go
