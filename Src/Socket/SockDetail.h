@@ -21,11 +21,11 @@ union USockAddr {
     sockaddr_in6 v6;
 };
 
-/// The error of a transfer means "nothing now, try again": would block, interrupted, or
-/// 11 (EAGAIN's number, which callers have always been told to treat so on every system).
+/// The error of a transfer means "nothing now, try again": would block (the platform
+/// counts 11, EAGAIN's number, in on every system) or interrupted.
 inline bool try_later(int err)
 {
-    return Platform::is_would_block(err) || Platform::is_interrupted(err) || err == 11;
+    return Platform::is_would_block(err) || Platform::is_interrupted(err);
 }
 
 }  // namespace Qelvar::Corvane

@@ -601,4 +601,6 @@ int CSockDgram::SetSockPriority(int priority)
     return set_priority(priority, "CSockDgram::SetSockPriority");
 }
 
+#undef DGRAM_LOG_SYSERR
+
 }  // namespace Qelvar::Corvane
