@@ -11,26 +11,10 @@
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Socket/SockDetail.h"
 #include "Socket/SockManager.h"
 
 namespace Qelvar::Corvane {
-
-namespace {
-
-// The system's text of `err`, for the "error:%d, %s" ends of log lines.
-struct SErrorText {
-    explicit SErrorText(int err) { Platform::error_text(err, text, sizeof text); }
-    char text[256];
-};
-
-// Room for a socket address of either family.
-union USockAddr {
-    sockaddr base;
-    sockaddr_in v4;
-    sockaddr_in6 v6;
-};
-
-}  // namespace
 
 CSock::CSock() : m_sockfd(-1), m_type(SOCK_TYPE_BARE), m_block(false)
 {

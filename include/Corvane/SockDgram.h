@@ -31,15 +31,20 @@ public:
     /// address. `reuseaddr` needs a `local`.
     int Open(const CSockAddr* local, bool reuseaddr, bool ipv6_only);
     /// Sets the default destination. An IPv4 address whose low 4 bits are all ones is
-    /// taken for a broadcast address (SO_BROADCAST is set).
+    /// taken for a broadcast address (SO_BROADCAST is set). Broadcast and multicast
+    /// destinations stay unconnected; a unicast one is connected, so the socket then
+    /// hears from that peer only.
     int SetRemote(const CSockAddr* remote);
     /// One datagram to `remote`, or to the default destination when null.
     int Send(const char* buf, unsigned int len, const CSockAddr* remote);
     /// One gathered datagram to the default destination.
     int WriteV(const iovec* vec, int count);
-    /// One datagram, and its sender into `remote` when given.
+    /// One datagram, and its sender into `remote` when given: an IPv4 sender goes into a
+    /// CSockAddrIPv6 IPv4-mapped; an IPv6 one does not fit a CSockAddrIPv4 (logged, the
+    /// count is still returned).
     int Recv(char* buf, unsigned int len, CSockAddr* remote);
-    /// Waits up to `timeout_us` for a datagram and receives it; 0 on time-out.
+    /// Waits up to `timeout_us` for a datagram and receives it; 0 on time-out (a wait of 0
+    /// looks once). A pending error on the socket (an ICMP refusal) gives -1.
     int Recv_r(char* buf, unsigned int len, CSockAddr* remote, int timeout_us);
     /// Recv_r without the sender.
     int Recv_n(char* buf, unsigned int len, int timeout_us);
@@ -50,9 +55,13 @@ public:
     /// Outgoing interface of multicast: an IPv4 address in host order (the group is
     /// joined again on it) or an IPv6 interface index.
     int SetMulticastIF(unsigned int interface_addr);
-    /// Outgoing interface of multicast by address text (IPv4) or index text (IPv6).
+    /// Outgoing interface of multicast by address text (IPv4), or for IPv6 an interface
+    /// index in decimal or (Linux) an interface name.
     int SetMulticastIF(const char* interface_addr);
+    /// TTL (IPv4) or hop limit (IPv6) of multicast datagrams sent.
     int SetMulticastTTL(unsigned char ttl);
+    /// Whether multicast sent here loops back to the host's own members; IPv4 needs the
+    /// group joined at Open.
     int SetMulticastLoop(bool on);
     /// Source filters are not supported: -1.
     int SetMulticastFilter(const char** ips, unsigned int count, unsigned int flag);
