@@ -9,6 +9,7 @@
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Socket/SockDetail.h"
 #include "Socket/SockManager.h"
 
 namespace Qelvar::Corvane {
@@ -16,17 +17,6 @@ namespace Qelvar::Corvane {
 namespace {
 
 constexpr int kBacklog = 1024;
-
-struct SErrorText {
-    explicit SErrorText(int err) { Platform::error_text(err, text, sizeof text); }
-    char text[256];
-};
-
-union USockAddr {
-    sockaddr base;
-    sockaddr_in v4;
-    sockaddr_in6 v6;
-};
 
 }  // namespace
 
@@ -117,7 +107,7 @@ int CSockAcceptor::Accept(CSockStream& stream, CSockAddr* remote)
     if (fd < 0) {
         const int err = Platform::last_error();
         // Nothing pending: unlike Recv, an acceptor reports it as -1, silently.
-        if (Platform::is_would_block(err) || Platform::is_interrupted(err) || err == 11) return -1;
+        if (try_later(err)) return -1;
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : accept failed! fd[%d], error:%d, %s\n", static_cast<void*>(this),
                 kFunction, m_sockfd, err, SErrorText(err).text);
         return -1;

@@ -6,6 +6,7 @@
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Socket/SockDetail.h"
 #include "Socket/SockManager.h"
 
 namespace Qelvar::Corvane {
@@ -13,17 +14,6 @@ namespace Qelvar::Corvane {
 namespace {
 
 constexpr int kMaxIoVec = 1024;
-
-struct SErrorText {
-    explicit SErrorText(int err) { Platform::error_text(err, text, sizeof text); }
-    char text[256];
-};
-
-// Would-block, interrupted (and the value 11): nothing moved, try again later.
-bool is_retry(int err)
-{
-    return Platform::is_would_block(err) || Platform::is_interrupted(err) || err == 11;
-}
 
 // The error that an exceptional condition left on the socket (its SO_ERROR), for the
 // log line: the thread's last error says nothing about it.
@@ -249,7 +239,7 @@ int CSockStream::Send(const char* buf, unsigned int len)
     const long n = Platform::sock_send(m_sockfd, buf, len);
     if (n >= 0) return static_cast<int>(n);
     const int err = Platform::last_error();
-    if (is_retry(err)) return 0;
+    if (try_later(err)) return 0;
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : send failed! buf[%p], len[%u], fd[%d], error:%d, %s\n",
             static_cast<void*>(this), "CSockStream::Send", static_cast<const void*>(buf), len, m_sockfd, err,
             SErrorText(err).text);
@@ -267,7 +257,7 @@ int CSockStream::WriteV(const iovec* vec, int count)
     const long n = Platform::sock_sendv(m_sockfd, vec, count, nullptr, 0);
     if (n >= 0) return static_cast<int>(n);
     const int err = Platform::last_error();
-    if (is_retry(err)) return 0;
+    if (try_later(err)) return 0;
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : send failed! iovec[%p], count:%d, fd[%d], error:%d, %s\n",
             static_cast<void*>(this), "CSockStream::WriteV", static_cast<const void*>(vec), count, m_sockfd, err,
             SErrorText(err).text);
@@ -289,7 +279,7 @@ int CSockStream::Recv(char* buf, unsigned int len)
         return -1;
     }
     const int err = Platform::last_error();
-    if (is_retry(err)) return 0;
+    if (try_later(err)) return 0;
     if (Platform::is_connection_reset(err)) return -1;
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : recv failed, buf[%p], len[%u], fd[%d], error:%d, %s\n",
             static_cast<void*>(this), "CSockStream::Recv", static_cast<const void*>(buf), len, m_sockfd, err,
@@ -328,7 +318,7 @@ int CSockStream::Send_n(const char* buf, unsigned int len, int timeout_us)
             continue;
         }
         const int err = Platform::last_error();
-        if (is_retry(err)) continue;
+        if (try_later(err)) continue;
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : send error, fd[%d], error:%d, %s\n", static_cast<void*>(this),
                 kFunction, m_sockfd, err, SErrorText(err).text);
         return -1;
@@ -374,7 +364,7 @@ int CSockStream::Recv_n(char* buf, unsigned int len, int timeout_us)
             return -1;
         }
         const int err = Platform::last_error();
-        if (is_retry(err)) continue;
+        if (try_later(err)) continue;
         if (Platform::is_connection_reset(err)) return -1;
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : recv error fd[%d], buf[%p], len[%u], error:%d, %s\n",
                 static_cast<void*>(this), kFunction, m_sockfd, static_cast<const void*>(buf), len, err,
