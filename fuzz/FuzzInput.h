@@ -81,22 +81,26 @@ inline int table_lookup(const char*, int family, int, Platform::SResolvedAddr* o
     return *found > 0 ? 0 : EAI_NONAME;
 }
 
-/// Once per process: the table resolver, and every log line formatted but dropped.
-inline void setup()
+/// Per input: its parameters and text, and the table row the resolver answers with.
+inline SInput start(const std::uint8_t* data, std::size_t size)
 {
-    Corvane::CGetHostByName::SetResolverForTest(table_lookup);
-    Fundel::SetLogSink([](const Fundel::LogRecord&) {});
-    Fundel::SetLogLevel(Fundel::LOG_DEBUG);
-}
-
-/// Per input: the row the resolver answers with.
-inline void answer_with(const SInput& in)
-{
+    SInput in = parse(data, size);
     g_answer.store(in.answer);
     g_ignore_family.store(in.ignore_family);
+    return in;
 }
 
 /// How long SetDomainName may wait: the table answers at once.
 inline constexpr unsigned long long TIMEOUT_MS = 2000;
 
 }  // namespace Qelvar::Fuzz
+
+// Once per process, before the first input: the table resolver, and every log line
+// formatted but dropped. Each target is one file that includes this header.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    Qelvar::Corvane::CGetHostByName::SetResolverForTest(Qelvar::Fuzz::table_lookup);
+    Qelvar::Fundel::SetLogSink([](const Qelvar::Fundel::LogRecord&) {});
+    Qelvar::Fundel::SetLogLevel(Qelvar::Fundel::LOG_DEBUG);
+    return 0;
+}

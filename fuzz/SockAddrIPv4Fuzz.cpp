@@ -5,16 +5,9 @@
 
 using namespace Qelvar;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    Fuzz::setup();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const Fuzz::SInput in = Fuzz::parse(data, size);
-    Fuzz::answer_with(in);
+    const Fuzz::SInput in = Fuzz::start(data, size);
     char buf[64];
 
     Corvane::CSockAddrIPv4 addr;

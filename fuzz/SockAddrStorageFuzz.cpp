@@ -27,16 +27,9 @@ void read_back(const Corvane::CSockAddrStorage& addr, unsigned int length)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    Fuzz::setup();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const Fuzz::SInput in = Fuzz::parse(data, size);
-    Fuzz::answer_with(in);
+    const Fuzz::SInput in = Fuzz::start(data, size);
 
     Corvane::CSockAddrStorage addr;
     if (addr.SetIp(in.text.c_str()) == 0) {
