@@ -17,7 +17,7 @@ void set_last_error(int err);
 /// newline) and returns `buf`.
 const char* error_text(int err, char* buf, std::size_t size);
 
-/// The call would block: EAGAIN/EWOULDBLOCK; WSAEWOULDBLOCK.
+/// The call would block: EAGAIN/EWOULDBLOCK; WSAEWOULDBLOCK or 11 (EAGAIN).
 bool is_would_block(int err);
 
 /// The call was interrupted: EINTR; WSAEINTR.

@@ -44,8 +44,9 @@ int sock_bind(int fd, const sockaddr* addr, int len);
 /// listen(2); 0 or -1.
 int sock_listen(int fd, int backlog);
 
-/// accept(2): the new descriptor (close-on-exec on Linux) or -1. `addr` may be null;
-/// otherwise `*len` holds its size on entry and the address's length on return.
+/// accept(2): the new descriptor (close-on-exec on Linux, not inheritable on Windows) or
+/// -1. `addr` may be null; otherwise `*len` holds its size on entry and the address's
+/// length on return.
 int sock_accept(int fd, sockaddr* addr, int* len);
 
 /// connect(2); 0 or -1 (a non-blocking connect under way is -1 with is_in_progress()).
@@ -61,9 +62,11 @@ long sock_recvfrom(int fd, void* buf, std::size_t len, sockaddr* from, int* from
 /// out as the system's own gather element), to `to` when given; the count sent or -1.
 long sock_sendv(int fd, const void* iov, int count, const sockaddr* to, int to_len);
 
-/// Receives one datagram with the address it was sent to (IP_PKTINFO /
-/// IPV6_RECVPKTINFO, switched on by the first call). The count, -1, or SOCK_UNSUPPORTED
-/// where the system cannot tell the local address.
+/// Receives one datagram with the address it was sent to and the socket's port in
+/// `local` (IP_PKTINFO / IPV6_RECVPKTINFO, switched on by the first call; the socket's
+/// own address when the datagram carries none). `*local_len` and `*from_len` in and out
+/// as for accept. The count, -1, or SOCK_UNSUPPORTED where the system cannot tell the
+/// local address (Windows).
 long sock_recvmsg(int fd, void* buf, std::size_t len, sockaddr* from, int* from_len, sockaddr* local,
                   int* local_len);
 
@@ -71,7 +74,9 @@ long sock_recvmsg(int fd, void* buf, std::size_t len, sockaddr* from, int* from_
 int sock_setopt(int fd, int level, int name, const void* value, int len);
 int sock_getopt(int fd, int level, int name, void* value, int* len);
 
-/// SO_RCVTIMEO (`receive`) or SO_SNDTIMEO in milliseconds, 0 for none; 0 or -1.
+/// SO_RCVTIMEO (`receive`) or SO_SNDTIMEO in milliseconds, 0 for none; 0 or -1. A
+/// blocking call that runs out of time fails with EAGAIN on Linux (is_would_block()) but
+/// with WSAETIMEDOUT on Windows.
 int sock_set_io_timeout(int fd, bool receive, int ms);
 
 /// SO_PRIORITY; SOCK_UNSUPPORTED on Windows.
@@ -88,17 +93,19 @@ int sock_peer_address(int fd, sockaddr* addr, int* len);
 enum SockWaitBits : unsigned int {
     SOCK_READABLE = 1,
     SOCK_WRITABLE = 2,
-    SOCK_EXCEPTION = 4,  ///< error, hang-up or out-of-band data
+    SOCK_EXCEPTION = 4,  ///< a pending error (a failed connect) or out-of-band data
 };
 
 /// Waits up to `timeout_us` microseconds (negative: without limit) for `fd` to become
 /// readable (`want` SOCK_READABLE) or writable (SOCK_WRITABLE), or for an exceptional
 /// condition. 1 with `*ready` set, 0 on time-out, -1 on failure (interrupted: -1 with
-/// is_interrupted()). select on Windows; poll on Linux, which has no descriptor limit.
+/// is_interrupted()). A closed peer makes the socket readable, as select() has it.
+/// select on Windows; poll on Linux, which has no descriptor limit and rounds up to
+/// whole milliseconds.
 int sock_wait(int fd, unsigned int want, long long timeout_us, unsigned int* ready);
 
 /// inet_pton: 1 when `text` is an address of `family` (AF_INET: 4 bytes to `out`,
-/// AF_INET6: 16 bytes), 0 when not, -1 on failure.
+/// AF_INET6: 16 bytes), 0 when not, -1 for another family.
 int addr_from_text(int family, const char* text, void* out);
 
 /// inet_ntop: the text of a 4- or 16-byte address of `family` in `buf`, or null.
@@ -113,13 +120,16 @@ struct SResolvedAddr {
 /// getaddrinfo of `name` with the hints `family` (AF_UNSPEC, AF_INET, AF_INET6) and
 /// `socktype` (0 for any, else SOCK_STREAM, SOCK_DGRAM, SOCK_RAW). Stores up to `max`
 /// addresses in the system's order and their number in `*count`; `*found` receives the
-/// number the system gave (which may exceed `max`). 0, or the resolver's error code.
+/// number the system gave (which may exceed `max`), an address listed once per socket
+/// type counted once. 0, or the resolver's error code (EAI_*; a Winsock number on
+/// Windows). getaddrinfo is looked up at first use on Windows.
 int addr_resolve(const char* name, int family, int socktype, SResolvedAddr* out, int max, int* count, int* found);
 
-/// The text of a resolver error code of addr_resolve().
+/// The text of a resolver error code of addr_resolve(); valid until the thread's next call.
 const char* addr_resolve_error(int code);
 
-/// One address of a network interface.
+/// One address of a network interface. `up`: switched on and running (Windows: the
+/// operational status).
 struct SInterfaceAddr {
     unsigned int index;         ///< the interface index (the scope id of its link-local addresses)
     int family;                 ///< AF_INET or AF_INET6

@@ -5,12 +5,14 @@
 #include <thread>
 #include <vector>
 
+#include "Background.h"
 #include "Platform/Poller.h"
 #include "Platform/Socket.h"
 #include "StreamPair.h"
 
 namespace Qelvar::Platform {
 
+using Test::start_call;
 using Test::StreamPair;
 using Clock = std::chrono::steady_clock;
 
@@ -21,22 +23,6 @@ constexpr long long kLong = 2000000;  // µs: long enough for anything that is r
 long long elapsed_ms(Clock::time_point since)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
-}
-
-/// Runs `wait` on another thread; returns once that thread is about to call it.
-template <class F>
-std::future<int> start_waiting(F wait)
-{
-    std::promise<void> started;
-    std::future<void> running = started.get_future();
-    std::future<int> result = std::async(std::launch::async, [started = std::move(started), wait]() mutable {
-        started.set_value();
-        return wait();
-    });
-    running.wait();
-    // Most likely blocked inside Wait() by now; the tests hold either way.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return result;
 }
 
 class PollerTest : public testing::Test {
@@ -146,7 +132,7 @@ TEST_F(PollerTest, WakeEndsAnUnlimitedWaitFromAnotherThread)
     ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);
     WaitCount(100000);  // consumes the wake-up that Add() makes on Windows
 
-    std::future<int> waited = start_waiting([this] { return WaitCount(-1); });
+    std::future<int> waited = start_call([this] { return WaitCount(-1); });
     const Clock::time_point woken = Clock::now();
     m_poller.Wake();
     const bool ended = waited.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
@@ -158,7 +144,7 @@ TEST_F(PollerTest, WakeEndsAnUnlimitedWaitFromAnotherThread)
 
 TEST_F(PollerTest, InterestAddedDuringAWaitTakesEffect)
 {
-    std::future<int> reported = start_waiting([this] {
+    std::future<int> reported = start_call([this] {
         SPollReady r{};
         for (int i = 0; i < 3; ++i) {
             const int n = m_poller.Wait(kLong, &r, 1);

@@ -3,39 +3,16 @@
 #include <cstring>
 #include <string>
 
+#include "Loopback.h"
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
 #include "Platform/Thread.h"
 #include "StreamPair.h"
 
-#ifdef _WIN32
-#include <winsock2.h>
-#include <windows.h>
-#else
-#include <fcntl.h>
-#include <sys/socket.h>
-#endif
-
 namespace Qelvar::Platform {
 
+using Test::inheritable;
 using Test::StreamPair;
-
-namespace {
-
-bool inheritable(int fd)
-{
-#ifdef _WIN32
-    DWORD flags = 0;
-    EXPECT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(static_cast<SOCKET>(fd)), &flags));
-    return (flags & HANDLE_FLAG_INHERIT) != 0;
-#else
-    const int flags = fcntl(fd, F_GETFD);
-    EXPECT_NE(flags, -1);
-    return (flags & FD_CLOEXEC) == 0;
-#endif
-}
-
-}  // namespace
 
 TEST(Socket, PairIsNotInheritedCarriesBytesAndEmptyNonBlockingRecvWouldBlock)
 {
@@ -85,6 +62,28 @@ TEST(Socket, SendToAClosedPeerFailsAsResetWithoutSignal)
     EXPECT_EQ(message.find_first_of("\r\n"), std::string::npos) << message;
     char tiny[4];
     EXPECT_LT(std::strlen(error_text(err, tiny, sizeof tiny)), sizeof tiny);
+}
+
+TEST(Socket, CloseOnExecAndPriorityAreLinuxOptions)
+{
+    StreamPair pair;
+    ASSERT_TRUE(pair.Ok());
+#ifdef _WIN32
+    EXPECT_EQ(sock_set_cloexec(pair[0], false), SOCK_UNSUPPORTED);
+    EXPECT_FALSE(inheritable(pair[0]));
+    EXPECT_EQ(sock_set_priority(pair[0], 3), SOCK_UNSUPPORTED);
+#else
+    ASSERT_EQ(sock_set_cloexec(pair[0], false), 0);
+    EXPECT_TRUE(inheritable(pair[0]));
+    EXPECT_FALSE(inheritable(pair[1]));
+    ASSERT_EQ(sock_set_cloexec(pair[0], true), 0);
+    EXPECT_FALSE(inheritable(pair[0]));
+    ASSERT_EQ(sock_set_priority(pair[0], 3), 0);
+    int priority = -1;
+    int len = sizeof priority;
+    ASSERT_EQ(sock_getopt(pair[0], SOL_SOCKET, SO_PRIORITY, &priority, &len), 0);
+    EXPECT_EQ(priority, 3);
+#endif
 }
 
 }  // namespace Qelvar::Platform

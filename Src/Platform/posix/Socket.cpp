@@ -1,13 +1,9 @@
 // Sockets on Linux: BSD sockets, close-on-exec from birth, no SIGPIPE.
 #include "Platform/Socket.h"
 
-#include <cerrno>
-#include <climits>
-#include <cstring>
+#include <Corvane/IoVec.h>
+
 #include <fcntl.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -16,7 +12,11 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <arpa/inet.h>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <type_traits>
 
 namespace Qelvar::Platform {
 
@@ -73,9 +73,10 @@ int sock_listen(int fd, int backlog)
 
 int sock_accept(int fd, sockaddr* addr, int* len)
 {
-    socklen_t n = len ? static_cast<socklen_t>(*len) : 0;
-    const int s = ::accept4(fd, addr, addr ? &n : nullptr, SOCK_CLOEXEC);
-    if (s >= 0 && len) *len = static_cast<int>(n);
+    // Close-on-exec from birth, as sock_open(): no window for a fork+exec to inherit it.
+    socklen_t n = addr != nullptr && len != nullptr ? static_cast<socklen_t>(*len) : 0;
+    const int s = ::accept4(fd, n != 0 ? addr : nullptr, n != 0 ? &n : nullptr, SOCK_CLOEXEC);
+    if (s >= 0 && addr != nullptr && len != nullptr) *len = static_cast<int>(n);
     return s;
 }
 
@@ -91,31 +92,56 @@ long sock_sendto(int fd, const void* buf, std::size_t len, const sockaddr* to, i
 
 long sock_recvfrom(int fd, void* buf, std::size_t len, sockaddr* from, int* from_len)
 {
-    socklen_t n = from_len ? static_cast<socklen_t>(*from_len) : 0;
-    const ssize_t r = ::recvfrom(fd, buf, len, 0, from, from ? &n : nullptr);
-    if (r >= 0 && from_len) *from_len = static_cast<int>(n);
+    socklen_t n = from != nullptr && from_len != nullptr ? static_cast<socklen_t>(*from_len) : 0;
+    const ssize_t r = ::recvfrom(fd, buf, len, 0, n != 0 ? from : nullptr, n != 0 ? &n : nullptr);
+    if (r >= 0 && from != nullptr && from_len != nullptr) *from_len = static_cast<int>(n);
     return static_cast<long>(r);
 }
 
+// The library's iovec is the system's own struct here, handed over as it is.
+static_assert(std::is_same_v<Corvane::iovec, ::iovec>, "Corvane::iovec must be struct iovec on Linux");
+
 long sock_sendv(int fd, const void* iov, int count, const sockaddr* to, int to_len)
 {
-    // The library's iovec is the system's struct iovec here: handed over as it is.
     msghdr msg{};
     msg.msg_name = const_cast<sockaddr*>(to);
-    msg.msg_namelen = to ? static_cast<socklen_t>(to_len) : 0;
-    msg.msg_iov = static_cast<iovec*>(const_cast<void*>(iov));
-    msg.msg_iovlen = static_cast<std::size_t>(count);
+    msg.msg_namelen = to != nullptr ? static_cast<socklen_t>(to_len) : 0;
+    msg.msg_iov = static_cast<::iovec*>(const_cast<void*>(iov));
+    msg.msg_iovlen = count > 0 ? static_cast<std::size_t>(count) : 0;
     return static_cast<long>(::sendmsg(fd, &msg, MSG_NOSIGNAL));
 }
 
 namespace {
 
-// Asks for the destination address of each datagram, once per descriptor family.
-bool enable_pktinfo(int fd, int family)
+/// Asks for the address each datagram was sent to. Switched on at every call: one cheap
+/// call, and no record per descriptor to keep in step with numbers the system hands out
+/// again. A datagram queued before still carries it: the kernel takes it from the
+/// packet when it is received.
+bool want_pktinfo(int fd, int family)
 {
     const int on = 1;
     if (family == AF_INET6) return ::setsockopt(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) == 0;
     return ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) == 0;
+}
+
+/// Replaces the address of `self` (the socket's own, port included) by the one the
+/// datagram was sent to. A scope id goes only with a link-local address, as
+/// getsockname gives it.
+void take_destination(msghdr& msg, sockaddr_storage& self)
+{
+    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO && self.ss_family == AF_INET) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            reinterpret_cast<sockaddr_in&>(self).sin_addr = info.ipi_addr;
+        } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO && self.ss_family == AF_INET6) {
+            in6_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            sockaddr_in6& a = reinterpret_cast<sockaddr_in6&>(self);
+            a.sin6_addr = info.ipi6_addr;
+            a.sin6_scope_id = IN6_IS_ADDR_LINKLOCAL(&info.ipi6_addr) ? info.ipi6_ifindex : 0;
+        }
+    }
 }
 
 }  // namespace
@@ -126,47 +152,26 @@ long sock_recvmsg(int fd, void* buf, std::size_t len, sockaddr* from, int* from_
     sockaddr_storage self{};
     socklen_t self_len = sizeof self;
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&self), &self_len) != 0) return -1;
-    if (!enable_pktinfo(fd, self.ss_family)) return -1;
+    if (!want_pktinfo(fd, self.ss_family)) return -1;
 
-    iovec vec{buf, len};
+    ::iovec vec{buf, len};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(in_pktinfo))];
     msghdr msg{};
-    msg.msg_name = from;
-    msg.msg_namelen = from && from_len ? static_cast<socklen_t>(*from_len) : 0;
+    msg.msg_name = from != nullptr && from_len != nullptr ? from : nullptr;
+    msg.msg_namelen = msg.msg_name != nullptr ? static_cast<socklen_t>(*from_len) : 0;
     msg.msg_iov = &vec;
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
     const ssize_t r = ::recvmsg(fd, &msg, 0);
     if (r < 0) return -1;
-    if (from_len) *from_len = static_cast<int>(msg.msg_namelen);
-    if (local && local_len) {
-        int written = 0;
-        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO &&
-                *local_len >= static_cast<int>(sizeof(sockaddr_in))) {
-                in_pktinfo info;
-                std::memcpy(&info, CMSG_DATA(c), sizeof info);
-                sockaddr_in a{};
-                a.sin_family = AF_INET;
-                a.sin_addr = info.ipi_addr;
-                a.sin_port = reinterpret_cast<sockaddr_in&>(self).sin_port;
-                std::memcpy(local, &a, sizeof a);
-                written = sizeof a;
-            } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO &&
-                       *local_len >= static_cast<int>(sizeof(sockaddr_in6))) {
-                in6_pktinfo info;
-                std::memcpy(&info, CMSG_DATA(c), sizeof info);
-                sockaddr_in6 a{};
-                a.sin6_family = AF_INET6;
-                a.sin6_addr = info.ipi6_addr;
-                a.sin6_port = reinterpret_cast<sockaddr_in6&>(self).sin6_port;
-                a.sin6_scope_id = info.ipi6_ifindex;
-                std::memcpy(local, &a, sizeof a);
-                written = sizeof a;
-            }
-        }
-        *local_len = written;
+    if (msg.msg_name != nullptr) *from_len = static_cast<int>(msg.msg_namelen);
+    if (local != nullptr && local_len != nullptr) {
+        take_destination(msg, self);
+        // Cut to the caller's room, the length saying what it takes, as getsockname does.
+        const std::size_t room = *local_len > 0 ? static_cast<std::size_t>(*local_len) : 0;
+        std::memcpy(local, &self, std::min(room, static_cast<std::size_t>(self_len)));
+        *local_len = static_cast<int>(self_len);
     }
     return static_cast<long>(r);
 }
@@ -186,6 +191,10 @@ int sock_getopt(int fd, int level, int name, void* value, int* len)
 
 int sock_set_io_timeout(int fd, bool receive, int ms)
 {
+    if (ms < 0) {
+        errno = EINVAL;
+        return -1;
+    }
     // Linux takes a timeval where Windows takes milliseconds.
     timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>((ms % 1000) * 1000)};
     return ::setsockopt(fd, SOL_SOCKET, receive ? SO_RCVTIMEO : SO_SNDTIMEO, &tv, sizeof tv) == 0 ? 0 : -1;
@@ -234,82 +243,20 @@ int sock_wait(int fd, unsigned int want, long long timeout_us, unsigned int* rea
     }
     const int n = ::poll(&p, 1, ms);
     if (n <= 0) return n;
+    if (p.revents & POLLNVAL) {
+        // Not a descriptor: a failure, as select() makes it on Windows.
+        errno = EBADF;
+        return -1;
+    }
+    // A hang-up is readiness, as select() reports it: the next recv gives what is left
+    // and then 0, the next send fails. Only a pending error (a failed connect, which
+    // Windows puts in the exception set) and urgent data are exceptional.
     unsigned int bits = 0;
-    if (p.revents & POLLIN) bits |= SOCK_READABLE;
-    if (p.revents & POLLOUT) bits |= SOCK_WRITABLE;
-    if (p.revents & (POLLPRI | POLLERR | POLLHUP | POLLNVAL)) bits |= SOCK_EXCEPTION;
+    if (p.revents & (POLLIN | POLLHUP)) bits |= want & SOCK_READABLE;
+    if (p.revents & (POLLOUT | POLLHUP)) bits |= want & SOCK_WRITABLE;
+    if (p.revents & (POLLPRI | POLLERR)) bits |= SOCK_EXCEPTION;
     *ready = bits;
     return 1;
-}
-
-int addr_from_text(int family, const char* text, void* out)
-{
-    return ::inet_pton(family, text, out);
-}
-
-const char* addr_to_text(int family, const void* addr, char* buf, std::size_t size)
-{
-    return ::inet_ntop(family, addr, buf, static_cast<socklen_t>(size));
-}
-
-int addr_resolve(const char* name, int family, int socktype, SResolvedAddr* out, int max, int* count, int* found)
-{
-    addrinfo hints{};
-    hints.ai_family = family;
-    hints.ai_socktype = socktype;
-    addrinfo* list = nullptr;
-    const int rc = ::getaddrinfo(name, nullptr, &hints, &list);
-    *count = 0;
-    *found = 0;
-    if (rc != 0) return rc;
-    for (addrinfo* ai = list; ai; ai = ai->ai_next) {
-        if (!ai->ai_addr || (ai->ai_family != AF_INET && ai->ai_family != AF_INET6)) continue;
-        ++*found;
-        if (*count >= max) continue;
-        SResolvedAddr& r = out[(*count)++];
-        r.family = ai->ai_family;
-        std::memset(r.address, 0, sizeof r.address);
-        if (ai->ai_family == AF_INET) {
-            std::memcpy(r.address, &reinterpret_cast<sockaddr_in*>(ai->ai_addr)->sin_addr, 4);
-        } else {
-            std::memcpy(r.address, &reinterpret_cast<sockaddr_in6*>(ai->ai_addr)->sin6_addr, 16);
-        }
-    }
-    ::freeaddrinfo(list);
-    return 0;
-}
-
-const char* addr_resolve_error(int code)
-{
-    return ::gai_strerror(code);
-}
-
-int if_addresses(SInterfaceAddr* out, int max)
-{
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) return -1;
-    int n = 0;
-    for (ifaddrs* i = list; i && n < max; i = i->ifa_next) {
-        if (!i->ifa_addr || (i->ifa_addr->sa_family != AF_INET && i->ifa_addr->sa_family != AF_INET6)) continue;
-        SInterfaceAddr& a = out[n++];
-        a.index = ::if_nametoindex(i->ifa_name);
-        a.family = i->ifa_addr->sa_family;
-        std::memset(a.address, 0, sizeof a.address);
-        if (a.family == AF_INET) {
-            std::memcpy(a.address, &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, 4);
-        } else {
-            std::memcpy(a.address, &reinterpret_cast<sockaddr_in6*>(i->ifa_addr)->sin6_addr, 16);
-        }
-        a.loopback = (i->ifa_flags & IFF_LOOPBACK) != 0;
-        a.up = (i->ifa_flags & IFF_UP) != 0;
-    }
-    ::freeifaddrs(list);
-    return n;
-}
-
-int if_index_of(const char* name)
-{
-    return static_cast<int>(::if_nametoindex(name));
 }
 
 int err_connection_reset()

@@ -41,7 +41,8 @@ const char* error_text(int err, char* buf, std::size_t size)
 
 bool is_would_block(int err)
 {
-    return err == WSAEWOULDBLOCK;
+    // 11 is EAGAIN, which the socket classes take for "would block" on every system.
+    return err == WSAEWOULDBLOCK || err == 11;
 }
 
 bool is_interrupted(int err)
