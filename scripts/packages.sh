@@ -9,6 +9,8 @@ CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config
                        libgtest-dev libgmock-dev googletest libbenchmark-dev)
 # The Windows cross build and Wine to run its programs.
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
+# The fuzz stage: clang and its libFuzzer and sanitizer runtimes.
+CORVANE_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 
 # Installs whichever of the named packages is not installed yet; does nothing (and needs
 # no network) when all are there. Uses sudo when not run as root.

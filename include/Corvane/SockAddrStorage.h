@@ -15,8 +15,11 @@ struct SSockAddrStorageData;
 /// writes and what GetRealSockAddr produces. They differ for an IPv4-mapped text.
 class CORVANE_API CSockAddrStorage : public CSockAddr {
 public:
+    /// Holds nothing: invalid until an address is set.
     CSockAddrStorage();
+    /// SetAddr(ip, port).
     CSockAddrStorage(const char* ip, unsigned short port);
+    /// Copies hold records of their own.
     CSockAddrStorage(const CSockAddrStorage& other);
     CSockAddrStorage& operator=(const CSockAddrStorage& other);
     ~CSockAddrStorage() override;
@@ -24,9 +27,12 @@ public:
     /// Sets the address from text (at most 127 characters): an IPv4 literal or name,
     /// else an IPv6 literal or name.
     int SetIp(const char* ip);
+    /// Keeps the port and writes it into the structure of the real type only.
     int SetPort(unsigned short port);
+    /// SetIp, then SetPort; a failed SetIp leaves the port.
     int SetAddr(const char* ip, unsigned short port);
-    /// From a system address of either family (the family is read from it).
+    /// From a system address of either family (the family is read from it; an IPv6
+    /// one must hold a whole sockaddr_in6), with its port and scope.
     int SetAddr(const sockaddr_in* addr);
     /// Resolves `name` (socktype 0, 1, 2 or -1) within `timeout` ms; among several
     /// addresses the network check chooses one that answers, else `setPriority`
@@ -46,8 +52,11 @@ public:
     /// address and port; false when `out` is null or of the other type.
     bool GetRealSockAddr(CSockAddr* out) const;
 
+    /// The structure of the input type; null when none is held.
     sockaddr* GetAddr(sockaddr* out) const override;
+    /// 16 or 28 by the input type; 0 when none is held.
     unsigned int GetAddrLen() const override;
+    /// An IPv4 input type, or an IPv6 one with a text.
     bool IsValid() const override;
 
     /// Both valid, same input type, text and port.
