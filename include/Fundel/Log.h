@@ -41,7 +41,9 @@ FUNDEL_API int GetLogLevel();
 /// Formats a printf-style message and hands it to the sink when level <= GetLogLevel().
 FUNDEL_API void logFilter(int level, const char* module, const char* path, const char* function,
                           int line, const char* fmt, ...)
-#if defined(__GNUC__)
+#if defined(__clang__)
+    __attribute__((format(printf, 6, 7)))
+#elif defined(__GNUC__)
     __attribute__((format(gnu_printf, 6, 7)))
 #endif
     ;
