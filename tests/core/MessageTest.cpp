@@ -103,24 +103,3 @@ TEST(Message, NotifyIORunsOnAFileThread)
     EXPECT_TRUE(log.Contains("no file thread is running, message dropped"));
     p.Close();
 }
-
-TEST(Message, ObjectMemoryForwardsToThePools)
-{
-    PoolScope scope;
-    Signal done;
-    Probe p(0);
-    void* ts_block = nullptr;
-    p.on_message = [&](long, unsigned int, long) {
-        ts_block = p.TsMalloc(100);
-        p.TsFree(ts_block);
-        done.Add();
-        return 0;
-    };
-    p.Notify(p.GetID(), 1, 0);
-    ASSERT_TRUE(done.WaitFor(1));
-    EXPECT_NE(ts_block, nullptr);
-    void* shared = p.Malloc(1500);
-    ASSERT_NE(shared, nullptr);
-    p.Free(shared);
-    p.Close();
-}

@@ -3,10 +3,8 @@
 #include <cstring>
 #include <string>
 
-#include "Loopback.h"
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
-#include "Platform/Thread.h"
 #include "StreamPair.h"
 
 namespace Qelvar::Platform {
@@ -62,28 +60,6 @@ TEST(Socket, SendToAClosedPeerFailsAsResetWithoutSignal)
     EXPECT_EQ(message.find_first_of("\r\n"), std::string::npos) << message;
     char tiny[4];
     EXPECT_LT(std::strlen(error_text(err, tiny, sizeof tiny)), sizeof tiny);
-}
-
-TEST(Socket, CloseOnExecAndPriorityAreLinuxOptions)
-{
-    StreamPair pair;
-    ASSERT_TRUE(pair.Ok());
-#ifdef _WIN32
-    EXPECT_EQ(sock_set_cloexec(pair[0], false), SOCK_UNSUPPORTED);
-    EXPECT_FALSE(inheritable(pair[0]));
-    EXPECT_EQ(sock_set_priority(pair[0], 3), SOCK_UNSUPPORTED);
-#else
-    ASSERT_EQ(sock_set_cloexec(pair[0], false), 0);
-    EXPECT_TRUE(inheritable(pair[0]));
-    EXPECT_FALSE(inheritable(pair[1]));
-    ASSERT_EQ(sock_set_cloexec(pair[0], true), 0);
-    EXPECT_FALSE(inheritable(pair[0]));
-    ASSERT_EQ(sock_set_priority(pair[0], 3), 0);
-    int priority = -1;
-    int len = sizeof priority;
-    ASSERT_EQ(sock_getopt(pair[0], SOL_SOCKET, SO_PRIORITY, &priority, &len), 0);
-    EXPECT_EQ(priority, 3);
-#endif
 }
 
 }  // namespace Qelvar::Platform

@@ -2,7 +2,14 @@
 // long as the pair lives.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include "Platform/Socket.h"
+#include "Platform/SockTypes.h"
+
+#ifndef _WIN32
+#include <fcntl.h>
+#endif
 
 namespace Qelvar::Test {
 
@@ -33,5 +40,19 @@ private:
     bool m_started;
     int m_fds[2] = {-1, -1};
 };
+
+/// A child process would get the descriptor (no FD_CLOEXEC; HANDLE_FLAG_INHERIT).
+inline bool inheritable(int fd)
+{
+#ifdef _WIN32
+    DWORD flags = 0;
+    EXPECT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(static_cast<SOCKET>(fd)), &flags));
+    return (flags & HANDLE_FLAG_INHERIT) != 0;
+#else
+    const int flags = fcntl(fd, F_GETFD);
+    EXPECT_NE(flags, -1);
+    return (flags & FD_CLOEXEC) == 0;
+#endif
+}
 
 }  // namespace Qelvar::Test

@@ -317,29 +317,4 @@ TEST_F(DgramTest, OptionsSayWhatTheyRefuse)
     EXPECT_GE(s.GetSockRecvBuf(), 65536);
 }
 
-TEST_F(DgramTest, AClosedSharedDescriptorIsNeitherUsedNorClosedAgain)
-{
-    LogCapture log;
-    int reused = -1;
-    {
-        CSockDgram s;
-        ASSERT_EQ(s.Open(nullptr), 0);
-        CSock other;
-        ASSERT_EQ(other.Attach(s.GetHandle()), 0);
-        ASSERT_EQ(other.Close(), 0);
-        const CSockAddrIPv4 remote("127.0.0.1", 9);
-        EXPECT_EQ(s.SetRemote(&remote), -1);
-        EXPECT_TRUE(log.Contains("SockManager error! CSockDgram::SetRemote failed!"));
-        EXPECT_EQ(s.SetMulticastTTL(1), -1);
-        // The system may hand the number out again; s's end must not close it.
-        reused = Platform::sock_open(AF_INET, SOCK_DGRAM, 0);
-        ASSERT_NE(reused, -1);
-    }
-    int type = 0;
-    int len = sizeof type;
-    EXPECT_EQ(Platform::sock_getopt(reused, SOL_SOCKET, SO_TYPE, &type, &len), 0);
-    EXPECT_EQ(type, SOCK_DGRAM);
-    Platform::sock_close(reused);
-}
-
 }  // namespace Qelvar::Corvane

@@ -16,6 +16,10 @@
 #include "Platform/Socket.h"
 #include "TestSupport.h"
 
+#ifndef _WIN32
+#include <fcntl.h>
+#endif
+
 using namespace Qelvar::Corvane;
 using Qelvar::Fundel::CTime;
 using Qelvar::Test::LogCapture;
@@ -239,7 +243,11 @@ TEST(SockStream, Options)
     EXPECT_EQ(pair.client.SetSockCLOEXEC(false), -1);
 #else
     EXPECT_EQ(pair.client.SetSockPriority(3), 0);
+    // Every descriptor the library makes is close-on-exec, accepted ones included.
+    EXPECT_TRUE(fcntl(pair.server.GetHandle(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(pair.acceptor.GetHandle(), F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(pair.client.SetSockCLOEXEC(false), 0);
+    EXPECT_FALSE(fcntl(pair.client.GetHandle(), F_GETFD) & FD_CLOEXEC);
 #endif
 }
 
