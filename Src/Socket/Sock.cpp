@@ -227,71 +227,71 @@ int fill_address(CSockAddr* addr, const USockAddr& raw)
     return -1;
 }
 
+// The two address queries differ only in the system call and their log texts.
+struct SAddressQuery {
+    const char* function;
+    const char* null_text;
+    const char* system_text;
+    const char* mirt_text;
+    int (*system_call)(int, sockaddr*, int*);
+    int (*mirt_call)(int, sockaddr*, int*);
+};
+
 }  // namespace
 
-int CSock::GetLocalAddr(CSockAddr* addr)
+int CSock::query_address(CSockAddr* addr, bool peer)
 {
+    static const SAddressQuery kQueries[2] = {
+        {"CSock::GetLocalAddr", "this:%p %s : Invalid local addresst type! fd:%d\n",
+         "this:%p %s : getsockname failed! fd[%d], error:%d,%s\n",
+         "this:%p %s :getsockname failed! fd[%d], mirt desc:%s, errno:%d, %s\n", &Platform::sock_local_address,
+         &Mirt::getsockname},
+        {"CSock::GetRemoteAddr", "this:%p %s : Invalid remote addresst type! fd:%d\n",
+         "this:%p %s : getpeername failed! fd[%d], error:%d,%s\n",
+         "this:%p %s :getpeername failed! fd[%d], %s, errno:%d, %s\n", &Platform::sock_peer_address,
+         &Mirt::getpeername},
+    };
+    const SAddressQuery& q = kQueries[peer ? 1 : 0];
     if (!addr) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Invalid local addresst type! fd:%d\n", static_cast<void*>(this),
-                "CSock::GetLocalAddr", m_sockfd);
+        CVN_LOG(Fundel::LOG_WARN, q.null_text, static_cast<void*>(this), q.function, m_sockfd);
         return -1;
     }
     USockAddr raw{};
     int len = sizeof(sockaddr_in6);
     if (is_system_fd(m_sockfd)) {
-        if (Platform::sock_local_address(m_sockfd, &raw.base, &len) != 0) {
+        if (q.system_call(m_sockfd, &raw.base, &len) != 0) {
             const int err = Platform::last_error();
-            CVN_LOG(Fundel::LOG_WARN, "this:%p %s : getsockname failed! fd[%d], error:%d,%s\n",
-                    static_cast<void*>(this), "CSock::GetLocalAddr", m_sockfd, err, SErrorText(err).text);
+            CVN_LOG(Fundel::LOG_WARN, q.system_text, static_cast<void*>(this), q.function, m_sockfd, err,
+                    SErrorText(err).text);
             return -1;
         }
     } else if (m_sockfd < Mirt::getsockidbase()) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s: invalid socket handle %d\n", static_cast<void*>(this),
-                "CSock::GetLocalAddr", m_sockfd);
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s: invalid socket handle %d\n", static_cast<void*>(this), q.function,
+                m_sockfd);
         return -1;
-    } else if (Mirt::getsockname(m_sockfd, &raw.base, &len) != 0) {
+    } else if (q.mirt_call(m_sockfd, &raw.base, &len) != 0) {
         const int err = Mirt::getlasterror();
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s :getsockname failed! fd[%d], mirt desc:%s, errno:%d, %s\n",
-                static_cast<void*>(this), "CSock::GetLocalAddr", m_sockfd, Mirt::getlasterror_desc(), err,
-                SErrorText(err).text);
+        CVN_LOG(Fundel::LOG_WARN, q.mirt_text, static_cast<void*>(this), q.function, m_sockfd,
+                Mirt::getlasterror_desc(), err, SErrorText(err).text);
         return -1;
     }
-    return fill_address(addr, raw);
+    const int ret = fill_address(addr, raw);
+    // A family the object cannot hold: said for the peer only, as it always was.
+    if (ret != 0 && peer) {
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Unkonw Sockaddr Type[%u].\n", static_cast<void*>(this), q.function,
+                addr->GetType());
+    }
+    return ret;
+}
+
+int CSock::GetLocalAddr(CSockAddr* addr)
+{
+    return query_address(addr, false);
 }
 
 int CSock::GetRemoteAddr(CSockAddr* addr)
 {
-    if (!addr) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Invalid remote addresst type! fd:%d\n", static_cast<void*>(this),
-                "CSock::GetRemoteAddr", m_sockfd);
-        return -1;
-    }
-    USockAddr raw{};
-    int len = sizeof(sockaddr_in6);
-    if (is_system_fd(m_sockfd)) {
-        if (Platform::sock_peer_address(m_sockfd, &raw.base, &len) != 0) {
-            const int err = Platform::last_error();
-            CVN_LOG(Fundel::LOG_WARN, "this:%p %s : getpeername failed! fd[%d], error:%d,%s\n",
-                    static_cast<void*>(this), "CSock::GetRemoteAddr", m_sockfd, err, SErrorText(err).text);
-            return -1;
-        }
-    } else if (m_sockfd < Mirt::getsockidbase()) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s: invalid socket handle %d\n", static_cast<void*>(this),
-                "CSock::GetRemoteAddr", m_sockfd);
-        return -1;
-    } else if (Mirt::getpeername(m_sockfd, &raw.base, &len) != 0) {
-        const int err = Mirt::getlasterror();
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s :getpeername failed! fd[%d], %s, errno:%d, %s\n",
-                static_cast<void*>(this), "CSock::GetRemoteAddr", m_sockfd, Mirt::getlasterror_desc(), err,
-                SErrorText(err).text);
-        return -1;
-    }
-    const int ret = fill_address(addr, raw);
-    if (ret != 0) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Unkonw Sockaddr Type[%u].\n", static_cast<void*>(this),
-                "CSock::GetRemoteAddr", addr->GetType());
-    }
-    return ret;
+    return query_address(addr, true);
 }
 
 int CSock::set_buffer(bool receive, unsigned int bytes, const char* function)

@@ -67,6 +67,11 @@ int CSockStream::open_for(const CSockAddr& remote, const CSockAddr* local, const
         Platform::sock_close(m_sockfd);
         m_sockfd = -1;
     }
+    return create_socket(family, function);
+}
+
+int CSockStream::create_socket(unsigned int family, const char* function)
+{
     const int fd = Platform::sock_open(system_family(family), SOCK_STREAM, 0);
     if (fd < 0) {
         const int err = Platform::last_error();
@@ -172,14 +177,7 @@ int CSockStream::OpenEx(CSockAddr* local)
                 kFunction, m_sockfd);
         return -1;
     }
-    const int fd = Platform::sock_open(system_family(family), SOCK_STREAM, 0);
-    if (fd < 0) {
-        const int err = Platform::last_error();
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : create socket failed! error:%d, %s\n", static_cast<void*>(this),
-                kFunction, err, SErrorText(err).text);
-        return -1;
-    }
-    take_new_fd(fd);
+    if (create_socket(family, kFunction) != 0) return -1;
     if (bind_local(*local, kFunction) != 0) {
         Close();
         m_sockfd = -1;

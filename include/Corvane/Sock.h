@@ -116,6 +116,9 @@ protected:
     int m_sockfd;
     unsigned int m_type;
     bool m_block;
+
+private:
+    int query_address(CSockAddr* addr, bool peer);
 };
 
 }  // namespace Qelvar::Corvane

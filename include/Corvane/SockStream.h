@@ -60,6 +60,7 @@ public:
 
 private:
     int open_for(const CSockAddr& remote, const CSockAddr* local, const char* function);
+    int create_socket(unsigned int family, const char* function);
     int bind_local(const CSockAddr& local, const char* function);
     int connect_to(const CSockAddr& remote, bool tolerate_pending, const char* function);
     int set_io_timeouts(int ms, const char* function);

@@ -5,6 +5,7 @@
 
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
+#include "Platform/Thread.h"
 #include "StreamPair.h"
 
 namespace Qelvar::Platform {
