@@ -1,6 +1,7 @@
 // The Corvane demo: a public and a private thread pool, handlers that play ping-pong by
-// object id across the pools, serial messages, periodic timers, and a clean shutdown in
-// which every handler is released. It prints what happened and how fast.
+// object id across the pools, serial messages, periodic timers, blocking TCP round trips
+// over loopback, and a clean shutdown in which every handler is released. It prints
+// what happened and how fast.
 //
 //   corvane_demo [--seconds S] [--pairs N] [--timers T]
 #include <Corvane/Corvane.h>
@@ -20,6 +21,9 @@ namespace {
 
 using Qelvar::Corvane::CNetHandler;
 using Qelvar::Corvane::CNetThread;
+using Qelvar::Corvane::CSockAcceptor;
+using Qelvar::Corvane::CSockAddrIPv4;
+using Qelvar::Corvane::CSockStream;
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned int kBall = 1;    // a ping-pong message: attach counts the hits
@@ -163,6 +167,50 @@ private:
     std::vector<double> m_intervals;
 };
 
+/// Blocking TCP round trips over loopback: a server thread echoes what a client sends,
+/// both with the plain socket classes. Prints the rate; false when anything failed.
+bool tcp_round_trips(int rounds)
+{
+    CSockAcceptor acceptor;
+    acceptor.SetBlockOpt(true);
+    const CSockAddrIPv4 local("127.0.0.1", 0);
+    CSockAddrIPv4 bound;
+    if (acceptor.Open(local) != 0 || acceptor.GetLocalAddr(&bound) != 0) return false;
+
+    std::thread server([&] {
+        CSockStream peer;
+        peer.SetBlockOpt(true);
+        if (acceptor.Accept(peer, nullptr) != 0) return;
+        peer.SetSockNoDelay(true);
+        char buf[64];
+        for (int n; (n = peer.Recv_n(buf, sizeof buf, 5000000)) > 0;) {
+            if (peer.Send_n(buf, static_cast<unsigned int>(n), 5000000) != n) return;
+        }
+    });
+
+    CSockStream client;
+    client.SetBlockOpt(true);
+    bool ok = client.Connect(bound, nullptr) == 0 && client.SetSockNoDelay(true) == 0;
+    char out[64] = "corvane";
+    char in[64];
+    const auto start = Clock::now();
+    int done = 0;
+    for (; ok && done < rounds; ++done) {
+        ok = client.Send_n(out, sizeof out, 5000000) == static_cast<int>(sizeof out);
+        for (unsigned int got = 0; ok && got < sizeof in;) {
+            const int n = client.Recv_n(in + got, sizeof in - got, 5000000);
+            ok = n > 0;
+            got += ok ? static_cast<unsigned int>(n) : 0;
+        }
+    }
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    client.Close();  // the server's Recv_n sees the close and ends
+    server.join();
+    std::printf("  blocking TCP echo over loopback: %d round trips of %zu bytes, %.0f round trips/s, %.1f us each\n",
+                done, sizeof out, done / elapsed, elapsed / done * 1e6);
+    return ok && done == rounds;
+}
+
 double percentile(std::vector<double> v, double p)
 {
     if (v.empty()) return 0;
@@ -274,6 +322,8 @@ int main(int argc, char** argv)
                     percentile(intervals, 0.0) / 1000, percentile(intervals, 1.0) / 1000);
     }
 
+    const bool tcp_ok = tcp_round_trips(10000);
+
     // Clean shutdown: every handler is closed and released before the pools go.
     for (auto* p : players) p->Close();
     for (auto* m : metronomes) m->Close();
@@ -285,7 +335,8 @@ int main(int argc, char** argv)
     const int destroyed = CNetThread::DestroyThreadPool();
     std::printf("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
                 destroyed == 0 ? "ok" : "failed");
-    const bool ok = all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0;
+    const bool ok =
+        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok;
     std::printf("%s\n", ok ? "clean shutdown" : "shutdown FAILED");
     return ok ? 0 : 1;
 }

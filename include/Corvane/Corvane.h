@@ -6,6 +6,18 @@
 #include <Fundel/Log.h>
 
 #include <Corvane/Export.h>
+#include <Corvane/IoVec.h>
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetThread.h>
+#include <Corvane/QuicAcceptor.h>
+#include <Corvane/QuicStream.h>
+#include <Corvane/SimulatorStream.h>
+#include <Corvane/Sock.h>
+#include <Corvane/SockAcceptor.h>
+#include <Corvane/SockAddr.h>
+#include <Corvane/SockAddrIPv4.h>
+#include <Corvane/SockAddrIPv6.h>
+#include <Corvane/SockAddrStorage.h>
+#include <Corvane/SockDgram.h>
+#include <Corvane/SockStream.h>
 #include <Corvane/TsMemory.h>
