@@ -118,6 +118,31 @@ TEST(SockStream, WriteVSendsAtMost1024Elements)
     EXPECT_EQ(std::memcmp(got.data(), bytes.data(), 1024), 0);
 }
 
+// A gathered send into a nearly full path takes what fits and says how much.
+TEST(SockStream, WriteVIntoAFullPathIsPartial)
+{
+    StreamPair pair;
+    ASSERT_TRUE(pair.Make());
+    fill_up(pair.client);
+    std::vector<char> big(1 << 20, 'w');
+    iovec vec[4];
+    for (iovec& v : vec) {
+        v.iov_base = big.data();
+        v.iov_len = big.size();
+    }
+    EXPECT_EQ(pair.client.WriteV(vec, 4), 0);  // no room at all: would block
+
+    std::vector<char> sink(65536);
+    for (int drained = 0; drained < 200000;) {
+        const int n = pair.server.Recv_n(sink.data(), static_cast<unsigned int>(sink.size()), 1000000);
+        ASSERT_GT(n, 0);
+        drained += n;
+    }
+    const int sent = pair.client.WriteV(vec, 4);
+    EXPECT_GT(sent, 0);
+    EXPECT_LT(sent, 4 << 20);
+}
+
 TEST(SockStream, RecvNTakesOneReceiveWithinItsTime)
 {
     StreamPair pair;
