@@ -37,6 +37,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -77,13 +79,6 @@ std::int64_t Now()
     return static_cast<std::int64_t>(ts.tv_sec) * kSecond + ts.tv_nsec;
 }
 
-void SleepUntil(std::int64_t deadline)
-{
-    timespec ts{static_cast<time_t>(deadline / kSecond), static_cast<long>(deadline % kSecond)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
-    }
-}
-
 /// The first error of the run; every thread stops when one is set.
 class Failure {
 public:
@@ -94,6 +89,15 @@ public:
             m_text = text;
         }
         m_failed.store(true, std::memory_order_release);
+        m_cv.notify_all();
+    }
+    /// Sleeps until the monotonic time `deadline` (ns) or an error, whichever is first.
+    void SleepUntil(std::int64_t deadline)
+    {
+        // steady_clock reads CLOCK_MONOTONIC, the clock of Now().
+        std::chrono::steady_clock::time_point until{std::chrono::nanoseconds(deadline)};
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait_until(lock, until, [this] { return Failed(); });
     }
     bool Failed() const { return m_failed.load(std::memory_order_acquire); }
     std::string Text() const
@@ -104,6 +108,7 @@ public:
 
 private:
     mutable std::mutex m_mutex;
+    std::condition_variable m_cv;
     std::string m_text;
     std::atomic<bool> m_failed{false};
 };
@@ -135,7 +140,8 @@ private:
 
 struct Connection {
     int fd = -1;
-    std::uint64_t seed = 0;
+    int index = 0;               // in the order of connecting, for messages
+    std::uint64_t seed = 0;      // where its stream starts in the pattern
     std::uint64_t issued = 0;     // messages handed out so far
     std::uint64_t completed = 0;  // messages come back whole
     std::uint64_t sent = 0;       // bytes written
@@ -159,11 +165,12 @@ public:
     {
     }
 
-    void Add(int fd, std::uint64_t seed)
+    void Add(int fd, int index)
     {
         Connection conn;
         conn.fd = fd;
-        conn.seed = seed;
+        conn.index = index;
+        conn.seed = static_cast<std::uint64_t>(index) * 7919 % kPatternPeriod;
         conn.issued_at.assign(static_cast<std::size_t>(m_options.depth), 0);
         m_connections.push_back(std::move(conn));
     }
@@ -220,7 +227,7 @@ private:
     void Fail(const Connection& conn, const std::string& what)
     {
         char text[256];
-        std::snprintf(text, sizeof text, "connection %" PRIu64 ": %s", conn.seed, what.c_str());
+        std::snprintf(text, sizeof text, "connection %d: %s", conn.index, what.c_str());
         m_failure.Set(text);
     }
 
@@ -281,9 +288,12 @@ private:
         }
         for (std::uint64_t done = 0; done < got;) {
             std::size_t piece = static_cast<std::size_t>(std::min(got - done, kPatternPeriod));
-            if (std::memcmp(m_buf + done, m_pattern.At(conn.seed, conn.received + done), piece) != 0) {
-                Fail(conn, "echoed bytes differ from those sent, near stream offset " +
-                               std::to_string(conn.received + done));
+            const char* expected = m_pattern.At(conn.seed, conn.received + done);
+            if (std::memcmp(m_buf + done, expected, piece) != 0) {
+                auto at = std::mismatch(m_buf + done, m_buf + done + piece, expected).first;
+                Fail(conn, "the echo differs from what was sent at byte " +
+                               std::to_string(conn.received + done +
+                                              static_cast<std::uint64_t>(at - (m_buf + done))));
                 return;
             }
             done += piece;
@@ -496,8 +506,7 @@ int main(int argc, char** argv)
             return 1;
         }
         fds.push_back(fd);
-        workers[static_cast<std::size_t>(i % options.threads)]->Add(
-            fd, static_cast<std::uint64_t>(i) * 7919 % kPatternPeriod);
+        workers[static_cast<std::size_t>(i % options.threads)]->Add(fd, i);
     }
 
     const std::int64_t start = Now();
@@ -509,9 +518,9 @@ int main(int argc, char** argv)
         threads.emplace_back([&worker] { worker->Run(); });
     }
 
-    SleepUntil(schedule.window_begin);
+    failure.SleepUntil(schedule.window_begin);
     const Sample first = Take(workers, options.server_pid);
-    SleepUntil(schedule.window_end);
+    failure.SleepUntil(schedule.window_end);
     const Sample last = Take(workers, options.server_pid);
     schedule.stop.store(true, std::memory_order_relaxed);
     for (std::thread& thread : threads) {
