@@ -19,9 +19,10 @@
 // Prints a summary on stderr and one line on stdout for scripts:
 //   RESULT msgs_per_s=.. mb_per_s=.. p50_us=.. p99_us=.. p999_us=.. window_s=..
 //          window_msgs=.. total_msgs=.. client_cpu=.. other_cpu=..
-//          [server_cpu=.. server_us_per_msg=..]
+//          [server_cpu=.. server_us_per_msg=.. server_user=..]
 // (MB/s counts the message bytes of one direction, 10^6 bytes per MB; the *_cpu fields
-// are in cores: 1.0 is one core busy for the whole window.)
+// are in cores: 1.0 is one core busy for the whole window; server_user is the share of
+// the server's time spent in user mode, the rest being the kernel's.)
 #include "Histogram.h"
 
 #include <arpa/inet.h>
@@ -413,31 +414,37 @@ int Connect(const Options& options, std::string& error)
     return fd;
 }
 
-/// user+sys of a process in clock ticks, from /proc/PID/stat; -1 when unreadable.
-long long ProcessTicks(int pid)
+/// CPU time of a process in clock ticks, from /proc/PID/stat; -1 each when unreadable.
+struct Ticks {
+    long long user = -1;
+    long long sys = -1;
+    bool Valid() const { return user >= 0 && sys >= 0; }
+};
+
+Ticks ProcessTicks(int pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     if (!std::getline(in, line)) {
-        return -1;
+        return {};
     }
     // The command name is in parentheses and may hold spaces: count fields after it.
     std::size_t close_paren = line.rfind(')');
     if (close_paren == std::string::npos) {
-        return -1;
+        return {};
     }
     std::istringstream fields(line.substr(close_paren + 2));
     std::string field;
-    long long utime = -1, stime = -1;
+    Ticks ticks;
     for (int index = 3; fields >> field; ++index) {  // field 3 is the state
         if (index == 14) {
-            utime = std::stoll(field);
+            ticks.user = std::stoll(field);
         } else if (index == 15) {
-            stime = std::stoll(field);
+            ticks.sys = std::stoll(field);
             break;
         }
     }
-    return utime < 0 || stime < 0 ? -1 : utime + stime;
+    return ticks;
 }
 
 /// Busy ticks of the whole machine (user, nice, system, irq, softirq, steal).
@@ -463,7 +470,7 @@ double OwnCpuSeconds()
 struct Sample {
     std::int64_t at = 0;
     std::uint64_t completed = 0;
-    long long server_ticks = -1;
+    Ticks server;
     long long machine_ticks = 0;
     double own_cpu = 0;
 };
@@ -471,7 +478,9 @@ struct Sample {
 Sample Take(const std::vector<std::unique_ptr<Worker>>& workers, int server_pid)
 {
     Sample s;
-    s.server_ticks = server_pid > 0 ? ProcessTicks(server_pid) : -1;
+    if (server_pid > 0) {
+        s.server = ProcessTicks(server_pid);
+    }
     s.machine_ticks = MachineBusyTicks();
     s.own_cpu = OwnCpuSeconds();
     for (const auto& worker : workers) {
@@ -551,12 +560,16 @@ int main(int argc, char** argv)
     const double client_cpu = (last.own_cpu - first.own_cpu) / window;
     const double machine_cpu = static_cast<double>(last.machine_ticks - first.machine_ticks) * tick / window;
     double server_cpu = 0;
+    double server_user = 0;  // the share of the server's time spent in user mode
     if (options.server_pid > 0) {
-        if (first.server_ticks < 0 || last.server_ticks < 0) {
+        if (!first.server.Valid() || !last.server.Valid()) {
             std::fprintf(stderr, "echo_client: error: cannot read /proc/%d/stat\n", options.server_pid);
             return 1;
         }
-        server_cpu = static_cast<double>(last.server_ticks - first.server_ticks) * tick / window;
+        const long long user = last.server.user - first.server.user;
+        const long long sys = last.server.sys - first.server.sys;
+        server_cpu = static_cast<double>(user + sys) * tick / window;
+        server_user = user + sys > 0 ? static_cast<double>(user) / static_cast<double>(user + sys) : 0;
     }
     const double other_cpu = std::max(0.0, machine_cpu - client_cpu - server_cpu);
     const double p50 = static_cast<double>(latency.Quantile(0.50)) / 1e3;
@@ -574,8 +587,8 @@ int main(int argc, char** argv)
                 rate, rate * static_cast<double>(options.size) / 1e6, p50, p99, p999, window,
                 messages, total, client_cpu, other_cpu);
     if (options.server_pid > 0) {
-        std::printf(" server_cpu=%.3f server_us_per_msg=%.3f", server_cpu,
-                    server_cpu * window / static_cast<double>(messages) * 1e6);
+        std::printf(" server_cpu=%.3f server_us_per_msg=%.3f server_user=%.3f", server_cpu,
+                    server_cpu * window / static_cast<double>(messages) * 1e6, server_user);
     }
     std::printf("\n");
     return 0;
