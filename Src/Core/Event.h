@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include <Corvane/EventMask.h>
+
 #include "Fundel/Mutex.h"
 
 namespace Qelvar::Corvane {
@@ -20,18 +22,6 @@ enum EventKind : std::int64_t {
     EVENT_SERIAL_TOKEN = -76,    ///< the holder drains the serial queue
     EVENT_HEARTBEAT = -80,       ///< the daemon's proof that workers make progress
     EVENT_TIMER_LIMIT = -101,    ///< every timer id is below this
-};
-
-/// Socket interest bits (SEvent::socket.m_event_mask).
-enum EventMask : std::uint32_t {
-    MASK_NONE = 0,
-    MASK_READ = 1,
-    MASK_WRITE = 2,
-    MASK_EXCEPT = 4,
-    MASK_TIMEOUT = 8,
-    MASK_DEALING = 16,
-    MASK_DELETE = 32,
-    MASK_PROTECT = 2048,
 };
 
 /// Result bits of a socket event (SEvent::socket.m_revents).
