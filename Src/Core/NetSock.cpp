@@ -274,6 +274,9 @@ int CNetSock::general_remove(CNetHandler* owner, int fd)
         return 0;
     }
     owner->DecSock();
+    // Out of the system poller now, while the descriptor is surely still open: the
+    // caller may close it as soon as this returns, and the number may be reused.
+    pool->Multiplexer().Remove(ev);
     if (ev->socket.m_revents != 0) {
         // A thread is handling the socket now: it finishes the removal after the callback.
         ev->socket.m_revents = QV_POLLDEL;
@@ -283,7 +286,6 @@ int CNetSock::general_remove(CNetHandler* owner, int fd)
         ev->m_mutex.Leave();
         return 0;
     }
-    pool->Multiplexer().Remove(ev);
     CVN_SOCK_TRACE(fd, id_of(owner), "<Corvane Debug>CNetSock::RemoveSock &1 obj:%p, obj_id:%ld, obj_type:%s, socket:%d.\n",
                    static_cast<void*>(owner), owner->GetID(), class_of(owner).c_str(), fd);
     remove_sock(*pool, ev, table);
@@ -410,8 +412,8 @@ void CNetSock::finish(CThreadPool& pool_ref, SEvent* ev, long long result)
         std::unique_lock<Fundel::CReadWriteMutex> table(pool->Sockets().Lock());
         ev->m_mutex.Enter();
         // A registration may have cancelled the removal while the record was unlocked.
+        // RemoveSock took the socket out of the poller already.
         if (ev->socket.m_event_mask & MASK_DELETE) {
-            pool->Multiplexer().Remove(ev);
             remove_sock(*pool, ev, table);
             return;
         }

@@ -144,6 +144,16 @@ void CSockTimer::expire(std::int64_t tick)
             ev = next;
             continue;
         }
+        // The pool's guard is only tried as well: a pool being made or destroyed must not
+        // wait for this list, which its registrations lock after the guard. A pool that
+        // is gone frees the record itself.
+        std::shared_lock<Fundel::CReadWriteMutex> guard;
+        CThreadPool* pool = CThreadPool::try_acquire(CThreadPool::pool_of(ev->obj_id), guard);
+        if (!pool) {
+            ev->m_mutex.Leave();
+            ev = next;
+            continue;
+        }
         ev->m_evready = 1;
         const std::uint32_t mask = ev->socket.m_event_mask;
         ev->socket.m_revents = (mask & MASK_READ)    ? QV_POLLIN_TIMEOUT
@@ -151,9 +161,7 @@ void CSockTimer::expire(std::int64_t tick)
                                                      : QV_NOPOLL;
         unlink(ev);
         ev->next = nullptr;
-        // Out of the poller and into the owner's pool; a pool being destroyed keeps the
-        // record in its table and frees it there.
-        CThreadPool::post_timeout(ev);
+        pool->post_timeout(ev);
         ev->m_mutex.Leave();
         ev = next;
     }

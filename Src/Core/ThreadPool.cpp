@@ -35,6 +35,16 @@ bool valid_index(int index)
 
 }  // namespace
 
+CThreadPool* CThreadPool::try_acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard)
+{
+    if (!valid_index(index)) return nullptr;
+    guard = std::shared_lock<Fundel::CReadWriteMutex>(g_guards[index], std::try_to_lock);
+    if (!guard.owns_lock()) return nullptr;
+    CThreadPool* pool = g_pools[index];
+    if (!pool) guard.unlock();
+    return pool;
+}
+
 CThreadPool* CThreadPool::acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard)
 {
     if (!valid_index(index)) return nullptr;
@@ -410,13 +420,10 @@ bool CThreadPool::exists(int index)
     return with_pool(index, false, [](CThreadPool&) { return true; });
 }
 
-bool CThreadPool::post_timeout(SEvent* ev)
+void CThreadPool::post_timeout(SEvent* ev)
 {
-    return with_pool(pool_of(ev->obj_id), false, [ev](CThreadPool& pool) {
-        pool.m_mux.Disarm(ev);
-        pool.m_queue.Append(ev);
-        return true;
-    });
+    m_mux.Disarm(ev);
+    m_queue.Append(ev);
 }
 
 bool CThreadPool::post(int index, SEvent* head, SEvent* tail, unsigned int count)

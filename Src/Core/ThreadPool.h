@@ -81,10 +81,13 @@ public:
         return pool ? f(*pool) : absent;
     }
 
-    /// Hands a socket record whose time-out expired to its owner's pool: out of the
-    /// poller, into the worker queue. False when the pool is gone (the record stays in
-    /// its table, which frees it). The caller holds the record's lock.
-    static bool post_timeout(SEvent* ev);
+    /// acquire() without waiting: null also when the guard is busy (a pool is being
+    /// made or destroyed at that index).
+    static CThreadPool* try_acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard);
+
+    /// Hands a socket record whose time-out expired to this pool's workers: out of the
+    /// poller, into the worker queue. The caller holds the record's lock.
+    void post_timeout(SEvent* ev);
 
     /// Appends a chain of `count` records to the worker queue of pool `index`. False when
     /// there is no such pool: the records stay the caller's.
