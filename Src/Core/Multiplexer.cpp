@@ -115,7 +115,7 @@ void CMultiplexer::Remove(SEvent* ev)
     m_poller.Remove(static_cast<int>(ev->m_key));
 }
 
-void CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
+SEvent* CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
 {
     Platform::SPollReady ready[kReadyMax];
     const int n = m_poller.Wait(TimeoutMicroseconds(), ready, kReadyMax);
@@ -126,9 +126,11 @@ void CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
             CVN_LOG(Fundel::LOG_ERROR, "this:%p select failed!%d,%s\n", static_cast<void*>(this), err,
                     Platform::error_text(err, text, sizeof text));
         }
-        return;
+        return nullptr;
     }
-    // Ready records go to the workers as one chain: one queue lock and one wake-up call.
+    // The first ready record stays with the polling worker, which needs no wake-up; the
+    // rest go to the other workers as one chain: one queue lock and one wake-up call.
+    SEvent* mine = nullptr;
     SEvent* head = nullptr;
     SEvent* tail = nullptr;
     unsigned int count = 0;
@@ -160,12 +162,17 @@ void CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
         ev->m_mutex.Leave();
         if (!handed) continue;
         ev->next = nullptr;
+        if (!mine) {
+            mine = ev;
+            continue;
+        }
         if (tail) tail->next = ev;
         else head = ev;
         tail = ev;
         ++count;
     }
     if (count) queue.Append(head, tail, count);
+    return mine;
 }
 
 }  // namespace Qelvar::Corvane

@@ -39,9 +39,10 @@ public:
     /// Stops watching a record.
     void Remove(SEvent* ev);
 
-    /// One pass: waits for readiness, a wake-up or the time-out, and hands every ready
-    /// record of `sockets` to `queue`.
-    void Wait(CBTree<SEvent>& sockets, CWorkQueue& queue);
+    /// One pass: waits for readiness, a wake-up or the time-out. The first ready record of
+    /// `sockets` is returned for the calling worker to handle itself; the others go to
+    /// `queue`, waking workers for them. Null when nothing is ready.
+    SEvent* Wait(CBTree<SEvent>& sockets, CWorkQueue& queue);
 
     /// Ends the current or next Wait() early (at shutdown: a worker may be in it).
     void Wake() { m_poller.Wake(); }

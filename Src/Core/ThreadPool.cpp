@@ -248,11 +248,19 @@ void CThreadPool::dispatch(SEvent* record, Fundel::CThreadLite& thread)
     case EVENT_MESSAGE:
         watched(thread, [record] { CMessage::handle_message(record); });
         return;
-    case EVENT_POLL_TOKEN:
-        m_mux.Wait(m_sockets, m_queue);
-        if (thread.IsLooping()) m_queue.Append(record);
+    case EVENT_POLL_TOKEN: {
+        SEvent* mine = m_mux.Wait(m_sockets, m_queue);
+        // The token goes back without waking anybody: this worker takes it again after
+        // its own record unless another, already awake, polls first. A wake-up per poll
+        // would cost a context switch per event on a lightly loaded pool.
+        if (thread.IsLooping()) m_queue.AppendQuiet(record);
         else CReclaimPool::sm_reclaim_pool.GiveBack(record);
+        if (mine) {
+            m_progress.fetch_add(1, std::memory_order_relaxed);
+            watched(thread, [this, mine] { CNetSock::handle_netevent(*this, mine); });
+        }
         return;
+    }
     case EVENT_SERIAL_TOKEN:
         drain_serial(record, thread);
         return;
