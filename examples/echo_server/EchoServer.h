@@ -38,13 +38,15 @@ public:
 
     int handle_input(int) override
     {
+        // On the stack: an idle connection holds no buffer.
+        char buf[16384];
         for (;;) {
-            const int n = m_stream.Recv(m_buf, sizeof m_buf);
+            const int n = m_stream.Recv(buf, sizeof buf);
             if (n < 0) return stop();  // the peer closed or failed
             if (n == 0) return 0;       // drained: wait for the next readiness
             m_stats.bytes.fetch_add(n, std::memory_order_relaxed);
-            if (!echo(m_buf, static_cast<unsigned int>(n))) return 0;  // waiting for room
-            if (n < static_cast<int>(sizeof m_buf)) return 0;  // likely all that was there
+            if (!echo(buf, static_cast<unsigned int>(n))) return 0;  // waiting for room
+            if (n < static_cast<int>(sizeof buf)) return 0;  // likely all that was there
         }
     }
 
@@ -96,9 +98,8 @@ private:
 
     SEchoStats& m_stats;
     CSockStream m_stream;
-    std::vector<char> m_pending;
+    std::vector<char> m_pending;  // what the peer did not take yet
     std::size_t m_sent = 0;
-    char m_buf[16384];
 };
 
 class CEchoServer : public CNetHandler {
