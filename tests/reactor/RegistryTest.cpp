@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
 #include "ReactorSupport.h"
 #include "TestSupport.h"
@@ -315,4 +316,71 @@ TEST(Registry, DestroyingThePoolsWithSocketsRegisteredIsSafe)
     h->Close();  // detached by the teardown: released now
     EXPECT_TRUE(closed.WaitFor(1));
     EXPECT_TRUE(log.Contains("some sockets registered on obj"));
+}
+
+// A record found already queued is refused, not queued a second time.
+TEST(Registry, ARecordFoundQueuedTwiceIsRefused)
+{
+    PoolScope scope;
+    LogCapture log(6);
+    Connection c;
+    ASSERT_TRUE(c.Make());
+    Signal in;
+    SockProbe h;
+    h.on_input = [&](int) {
+        in.Add();
+        return 0;
+    };
+    ASSERT_EQ(h.RegisterSock(c.server, MASK_READ, 0), 0);
+    auto mark = [&](std::uint32_t ready) {
+        CThreadPool::with_pool(0, false, [&](CThreadPool& pool) {
+            std::shared_lock<Qelvar::Fundel::CReadWriteMutex> table(pool.Sockets().Lock());
+            SEvent* ev = pool.Sockets().Find(c.server.GetHandle());
+            std::lock_guard<Qelvar::Fundel::CMutex> record(ev->m_mutex);
+            ev->m_evready = ready;
+            return true;
+        });
+    };
+    mark(1);  // as if it sat in a worker queue
+    ASSERT_EQ(c.client.Send("q", 1), 1);
+    EXPECT_TRUE(log.WaitFor("event already in queue, key:" + std::to_string(c.server.GetHandle()), 5s));
+    EXPECT_EQ(in.Count(), 0);
+    mark(0);
+    h.RemoveSock(c.server);
+    h.Close();
+}
+
+// The peer resets the connection while its callback runs: the next event reports the
+// failure to the handler, which ends the registration; nothing hangs or crashes.
+TEST(Registry, APeerResetDuringACallbackIsSeenByTheNextOne)
+{
+    PoolScope scope;
+    Connection c;
+    ASSERT_TRUE(c.Make());
+    Signal entered, reset, failed;
+    SockProbe h;
+    h.on_input = [&](int) {
+        entered.Add();
+        reset.WaitFor(1);
+        char buf[64];
+        while (true) {
+            const int n = c.server.Recv(buf, sizeof buf);
+            if (n > 0) continue;
+            if (n < 0) {
+                h.RemoveSock(c.server);
+                failed.Add();
+            }
+            return 0;
+        }
+    };
+    ASSERT_EQ(h.RegisterSock(c.server, MASK_READ, 0), 0);
+    ASSERT_EQ(c.client.Send("r", 1), 1);
+    ASSERT_TRUE(entered.WaitFor(1));
+    const linger abort_on_close{1, 0};  // close sends a reset
+    Qelvar::Platform::sock_setopt(c.client.GetHandle(), SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
+    c.client.Close();
+    reset.Add();
+    EXPECT_TRUE(failed.WaitFor(1));
+    EXPECT_TRUE(eventually([&] { return registered_mask(0, c.server.GetHandle()) == -1; }));
+    h.Close();
 }
