@@ -45,6 +45,7 @@ struct SEvent {
     std::int64_t m_attach = 0;        ///< message argument
     std::uint32_t m_type = 0;         ///< message type
     std::uint32_t m_evready = 0;      ///< 1 while queued or being handled
+    std::uint32_t m_armed = 0;        ///< interest the system poller holds now (poller bits)
 
     struct {
         std::uint32_t m_event_mask;
@@ -77,6 +78,7 @@ struct SEvent {
         m_attach = 0;
         m_type = 0;
         m_evready = 0;
+        m_armed = 0;
         socket = {};
         timer = {};
         m_due = 0;

@@ -37,7 +37,7 @@ std::uint16_t revents_of(unsigned int events, std::uint32_t mask)
 
 int CMultiplexer::Init(int timeout_ms)
 {
-    if (m_poller.Open() != 0) {
+    if (m_poller.Open(true) != 0) {
         char text[256];
         const int err = Platform::last_error();
         CVN_LOG(Fundel::LOG_WARN, "this:%p pool %d: poller open failed, error:%d, %s\n", static_cast<void*>(this),
@@ -45,6 +45,7 @@ int CMultiplexer::Init(int timeout_ms)
         CVN_LOG(Fundel::LOG_ERROR, "this:%p %s :CreatePipe failed!\n", static_cast<void*>(this), "CMultiplexer::Init");
         return -1;
     }
+    m_disarms_on_report = m_poller.DisarmsOnReport();
     if (timeout_ms > 0) {
         const long long us = static_cast<long long>(timeout_ms) * 1000;
         m_timeout_sec = static_cast<int>(us / 1000000);
@@ -67,14 +68,20 @@ long long CMultiplexer::TimeoutMicroseconds() const
 
 // Adds or re-arms, falling back to the other: a number closed and opened again behind
 // the registry's back may be unknown to the system poller (closing dropped it) or still
-// known to it (a duplicate keeps the old registration alive).
+// known to it (a duplicate keeps the old registration alive). A re-arm with the interest
+// the system holds already costs nothing.
 int CMultiplexer::watch(SEvent* ev, bool first)
 {
     const int fd = static_cast<int>(ev->m_key);
     const unsigned int interest = interest_of(ev->socket.m_event_mask);
+    if (!first && interest == ev->m_armed) return 0;
     if (first) {
-        if (m_poller.Add(fd, interest) == 0 || m_poller.Modify(fd, interest) == 0) return 0;
+        if (m_poller.Add(fd, interest) == 0 || m_poller.Modify(fd, interest) == 0) {
+            ev->m_armed = interest;
+            return 0;
+        }
     } else if (m_poller.Modify(fd, interest) == 0 || m_poller.Add(fd, interest) == 0) {
+        ev->m_armed = interest;
         return 0;
     }
     char text[256];
@@ -82,6 +89,13 @@ int CMultiplexer::watch(SEvent* ev, bool first)
     CVN_LOG(Fundel::LOG_WARN, "this:%p pool %d: watching socket %d failed, error:%d, %s\n", static_cast<void*>(this),
             m_pool_index, fd, err, Platform::error_text(err, text, sizeof text));
     return -1;
+}
+
+void CMultiplexer::disarm(SEvent* ev)
+{
+    if (ev->m_armed == 0) return;
+    m_poller.Modify(static_cast<int>(ev->m_key), 0);
+    ev->m_armed = 0;
 }
 
 int CMultiplexer::Add(SEvent* ev)
@@ -102,7 +116,7 @@ void CMultiplexer::Disarm(SEvent* ev)
         CMirtDispatcher::Remove(ev);
         return;
     }
-    m_poller.Modify(static_cast<int>(ev->m_key), 0);
+    disarm(ev);
 }
 
 void CMultiplexer::Remove(SEvent* ev)
@@ -113,6 +127,22 @@ void CMultiplexer::Remove(SEvent* ev)
     }
     // The descriptor may be closed already; the system then forgot it by itself.
     m_poller.Remove(static_cast<int>(ev->m_key));
+    ev->m_armed = 0;
+}
+
+// Marks an idle record's event for a worker; false, with the interest put back in
+// line with its mask, when the report means nothing for the mask.
+bool CMultiplexer::hand(SEvent* ev, unsigned int events)
+{
+    const std::uint16_t revents = revents_of(events, ev->socket.m_event_mask);
+    if (revents == 0) {
+        watch(ev, false);
+        return false;
+    }
+    ev->socket.m_revents = revents;
+    ev->m_evready = 1;
+    CSockTimer::Instance().Suspend(ev);
+    return true;
 }
 
 SEvent* CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
@@ -142,22 +172,18 @@ SEvent* CMultiplexer::Wait(CBTree<SEvent>& sockets, CWorkQueue& queue)
             if (!ev) continue;  // removed meanwhile: the system dropped or disarmed it
             ev->m_mutex.Enter();
         }
-        // Reported records are disarmed: each must either go to a worker, which re-arms
-        // it after the callback, or be re-armed here.
+        if (m_disarms_on_report) ev->m_armed = 0;  // select dropped it from its sets
         bool handed = false;
-        if (ev->socket.m_revents == 0) {
-            const std::uint16_t revents = revents_of(ready[i].events, ev->socket.m_event_mask);
-            if (revents == 0) {
-                watch(ev, false);
-            } else if (ev->m_evready == 1) {
+        if (ev->socket.m_revents != 0 || ev->m_evready == 1) {
+            // Being handled: reported again only because it is still ready. Out of the
+            // poller until its callback returns, or this would report it on every wait.
+            if (ev->m_evready == 1 && ev->socket.m_revents == 0) {
                 CVN_LOG(Fundel::LOG_ERROR, "this:%p event already in queue, key:%lld obj:%lld\n",
                         static_cast<void*>(ev), static_cast<long long>(ev->m_key), static_cast<long long>(ev->obj_id));
-            } else {
-                ev->socket.m_revents = revents;
-                ev->m_evready = 1;
-                CSockTimer::Instance().Suspend(ev);
-                handed = true;
             }
+            disarm(ev);
+        } else {
+            handed = hand(ev, ready[i].events);
         }
         ev->m_mutex.Leave();
         if (!handed) continue;

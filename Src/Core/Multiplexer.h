@@ -2,11 +2,13 @@
 // pool's poll token calls Wait() once and puts the token back, so at most one wait runs
 // per pool and polling and handling alternate among the workers.
 //
-// A socket handed to a worker is out of the poller until its callback has returned and
-// the registry puts it back (Rearm): on Linux the kernel disarms it as it reports it
-// (one-shot), on Windows it leaves the select sets. So no two threads handle one
-// socket's events at once. Descriptors of the reliable-UDP transport go to its
-// dispatcher instead.
+// A socket handed to a worker is not handed again until its callback has returned and
+// the registry puts it back (Rearm), so no two threads handle one socket's events at
+// once. On Windows it leaves the select sets when reported. On Linux it stays armed in
+// the kernel (level-triggered), and only if the kernel reports it again while it is
+// being handled is it disarmed then: a socket handled before the next poll, the common
+// case, costs no system call to take out and put back. Descriptors of the reliable-UDP
+// transport go to its dispatcher instead.
 #pragma once
 
 #include "Core/BTree.h"
@@ -54,8 +56,11 @@ private:
     static constexpr int kReadyMax = 256;
 
     int watch(SEvent* ev, bool first);
+    void disarm(SEvent* ev);
+    bool hand(SEvent* ev, unsigned int events);
 
     Platform::CPoller m_poller;
+    bool m_disarms_on_report = true;
     int m_timeout_sec = 0;
     int m_timeout_usec = 0;
     int m_pool_index;
