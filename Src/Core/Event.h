@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include <Corvane/EventMask.h>
+
 #include "Fundel/Mutex.h"
 
 namespace Qelvar::Corvane {
@@ -20,18 +22,6 @@ enum EventKind : std::int64_t {
     EVENT_SERIAL_TOKEN = -76,    ///< the holder drains the serial queue
     EVENT_HEARTBEAT = -80,       ///< the daemon's proof that workers make progress
     EVENT_TIMER_LIMIT = -101,    ///< every timer id is below this
-};
-
-/// Socket interest bits (SEvent::socket.m_event_mask).
-enum EventMask : std::uint32_t {
-    MASK_NONE = 0,
-    MASK_READ = 1,
-    MASK_WRITE = 2,
-    MASK_EXCEPT = 4,
-    MASK_TIMEOUT = 8,
-    MASK_DEALING = 16,
-    MASK_DELETE = 32,
-    MASK_PROTECT = 2048,
 };
 
 /// Result bits of a socket event (SEvent::socket.m_revents).
@@ -55,6 +45,7 @@ struct SEvent {
     std::int64_t m_attach = 0;        ///< message argument
     std::uint32_t m_type = 0;         ///< message type
     std::uint32_t m_evready = 0;      ///< 1 while queued or being handled
+    std::uint32_t m_armed = 0;        ///< interest the system poller holds now (poller bits)
 
     struct {
         std::uint32_t m_event_mask;
@@ -87,6 +78,7 @@ struct SEvent {
         m_attach = 0;
         m_type = 0;
         m_evready = 0;
+        m_armed = 0;
         socket = {};
         timer = {};
         m_due = 0;

@@ -11,6 +11,8 @@
 #include "Core/NetTimer.h"
 #include "Core/PoolSettings.h"
 #include "Core/ReclaimPool.h"
+#include "Core/SockTimer.h"
+#include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
 #include "Fundel/LogDefs.h"
 #include "Platform/Thread.h"
@@ -115,6 +117,7 @@ void teardown()
     cleanup_tls_library();
     stop_stream_receivers();
     for (int index = CThreadPool::kMaxPools - 1; index >= 0; --index) destroy_pool(index);
+    CSockTimer::Instance().Shutdown();
     CNetTimer::Instance().Shutdown();
     g_heap.reset();
     stop_reliable_udp_dispatcher();
@@ -142,6 +145,13 @@ int check_on_init(unsigned int count, bool file_threads)
     g_heap = std::make_unique<CMinHeap>();
     if (CNetTimer::Instance().Init(g_heap.get()) != 0) {
         CVN_LOG(Fundel::LOG_ERROR, "CNetThread::check_on_init, CNetTimer init failed!\n");
+        g_heap.reset();
+        stop_reliable_udp_dispatcher();
+        CNetSock::CleanupEnvironment();
+        return -1;
+    }
+    if (CSockTimer::Instance().Init() != 0) {
+        CNetTimer::Instance().Shutdown();
         g_heap.reset();
         stop_reliable_udp_dispatcher();
         CNetSock::CleanupEnvironment();
@@ -280,6 +290,22 @@ void CNetThread::TraversalSock()
 void CNetThread::DumpSockEvent(int fd)
 {
     CThreadPool::dump_sock_event_all(fd);
+}
+
+void CNetThread::SetSockTrace(bool on, int level)
+{
+    CSockTrace::SetLevel(level);
+    CSockTrace::SetEnabled(on);
+}
+
+void CNetThread::AddSockTrace(int fd)
+{
+    CSockTrace::Add(fd);
+}
+
+void CNetThread::RemoveSockTrace(int fd)
+{
+    CSockTrace::Remove(fd);
 }
 
 }  // namespace Qelvar::Corvane

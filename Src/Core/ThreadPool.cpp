@@ -13,6 +13,7 @@
 #include "Core/NetTimer.h"
 #include "Core/ObjectName.h"
 #include "Core/ReclaimPool.h"
+#include "Core/SockTimer.h"
 #include "Fundel/LogDefs.h"
 #include "Fundel/ThreadName.h"
 
@@ -34,15 +35,23 @@ bool valid_index(int index)
 
 }  // namespace
 
-// Runs f(pool) under the index's guard, read-locked, when pool `index` exists; returns
-// `absent` otherwise. The guard keeps the pool from being withdrawn meanwhile.
-template <class R, class F>
-R CThreadPool::with_pool(int index, R absent, F&& f)
+CThreadPool* CThreadPool::try_acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard)
 {
-    if (!valid_index(index)) return absent;
-    std::shared_lock<Fundel::CReadWriteMutex> guard(g_guards[index]);
+    if (!valid_index(index)) return nullptr;
+    guard = std::shared_lock<Fundel::CReadWriteMutex>(g_guards[index], std::try_to_lock);
+    if (!guard.owns_lock()) return nullptr;
     CThreadPool* pool = g_pools[index];
-    return pool ? f(*pool) : absent;
+    if (!pool) guard.unlock();
+    return pool;
+}
+
+CThreadPool* CThreadPool::acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard)
+{
+    if (!valid_index(index)) return nullptr;
+    guard = std::shared_lock<Fundel::CReadWriteMutex>(g_guards[index]);
+    CThreadPool* pool = g_pools[index];
+    if (!pool) guard.unlock();
+    return pool;
 }
 
 CThreadPool::CThreadPool(int index, unsigned int count, const SPoolSettings& settings, int processors)
@@ -140,7 +149,28 @@ void CThreadPool::Stop()
         m_serial_head = m_serial_tail = nullptr;
     }
     CNetTimer::Instance().PurgePool(m_index);
+    free_sockets();
     detach_objects();
+}
+
+// Sockets still registered when the pool goes: the registrations end (the descriptors
+// stay open, they are their owners'), and their owners keep counting them.
+void CThreadPool::free_sockets()
+{
+    std::vector<SEvent*> events;
+    {
+        std::unique_lock<Fundel::CReadWriteMutex> lock(m_sockets.Lock());
+        m_sockets.ForEach([&](std::int64_t, SEvent* ev) { events.push_back(ev); });
+        for (SEvent* ev : events) m_sockets.Erase(ev->m_key);
+    }
+    for (SEvent* ev : events) {
+        {
+            std::lock_guard<Fundel::CMutex> record(ev->m_mutex);
+            CSockTimer::Instance().Delete(ev);
+            if (m_ready) m_mux.Remove(ev);
+        }
+        CReclaimPool::sm_reclaim_pool.GiveBack(ev);
+    }
 }
 
 // Records left in the queues when the pool stops. Socket records belong to the socket
@@ -207,7 +237,7 @@ void CThreadPool::dispatch(SEvent* record, Fundel::CThreadLite& thread)
 {
     const std::int64_t key = record->m_key;
     if (key >= 0) {
-        watched(thread, [record] { CNetSock::handle_netevent(record); });
+        watched(thread, [this, record] { CNetSock::handle_netevent(*this, record); });
         return;
     }
     if (key < EVENT_TIMER_LIMIT) {
@@ -218,11 +248,19 @@ void CThreadPool::dispatch(SEvent* record, Fundel::CThreadLite& thread)
     case EVENT_MESSAGE:
         watched(thread, [record] { CMessage::handle_message(record); });
         return;
-    case EVENT_POLL_TOKEN:
-        m_mux.Wait();
-        if (thread.IsLooping()) m_queue.Append(record);
+    case EVENT_POLL_TOKEN: {
+        SEvent* mine = m_mux.Wait(m_sockets, m_queue);
+        // The token goes back without waking anybody: this worker takes it again after
+        // its own record unless another, already awake, polls first. A wake-up per poll
+        // would cost a context switch per event on a lightly loaded pool.
+        if (thread.IsLooping()) m_queue.AppendQuiet(record);
         else CReclaimPool::sm_reclaim_pool.GiveBack(record);
+        if (mine) {
+            m_progress.fetch_add(1, std::memory_order_relaxed);
+            watched(thread, [this, mine] { CNetSock::handle_netevent(*this, mine); });
+        }
         return;
+    }
     case EVENT_SERIAL_TOKEN:
         drain_serial(record, thread);
         return;
@@ -388,6 +426,12 @@ CThreadPool* CThreadPool::withdraw(int index)
 bool CThreadPool::exists(int index)
 {
     return with_pool(index, false, [](CThreadPool&) { return true; });
+}
+
+void CThreadPool::post_timeout(SEvent* ev)
+{
+    m_mux.Disarm(ev);
+    m_queue.Append(ev);
 }
 
 bool CThreadPool::post(int index, SEvent* head, SEvent* tail, unsigned int count)

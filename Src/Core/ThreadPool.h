@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include "Core/BTree.h"
@@ -66,6 +67,28 @@ public:
     /// True when a pool exists at `index`.
     static bool exists(int index);
 
+    /// Read-locks the guard of pool `index` into `guard` and returns the pool; null, with
+    /// the guard released, when there is none. The pool stays while the guard is held.
+    static CThreadPool* acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard);
+
+    /// Runs f(pool) under the guard of pool `index` when it exists; returns `absent`
+    /// otherwise.
+    template <class R, class F>
+    static R with_pool(int index, R absent, F&& f)
+    {
+        std::shared_lock<Fundel::CReadWriteMutex> guard;
+        CThreadPool* pool = acquire(index, guard);
+        return pool ? f(*pool) : absent;
+    }
+
+    /// acquire() without waiting: null also when the guard is busy (a pool is being
+    /// made or destroyed at that index).
+    static CThreadPool* try_acquire(int index, std::shared_lock<Fundel::CReadWriteMutex>& guard);
+
+    /// Hands a socket record whose time-out expired to this pool's workers: out of the
+    /// poller, into the worker queue. The caller holds the record's lock.
+    void post_timeout(SEvent* ev);
+
     /// Appends a chain of `count` records to the worker queue of pool `index`. False when
     /// there is no such pool: the records stay the caller's.
     static bool post(int index, SEvent* head, SEvent* tail, unsigned int count);
@@ -99,9 +122,6 @@ public:
     static std::atomic<int> sm_daemon_wait_ms;      ///< 5000: the daemon's wait between passes
 
 private:
-    template <class R, class F>
-    static R with_pool(int index, R absent, F&& f);
-
     void worker_loop(Fundel::CThreadLite& thread);
     void dispatch(SEvent* record, Fundel::CThreadLite& thread);
     void drain_serial(SEvent* token, Fundel::CThreadLite& thread);
@@ -109,6 +129,7 @@ private:
     void report_deadlock();
     void report_stuck_callbacks();
     void free_records(SEvent* chain);
+    void free_sockets();
 
     /// Runs a callback under the per-callback watch, when one is set.
     template <class F>

@@ -16,8 +16,18 @@ void CWorkQueue::Append(SEvent* head, SEvent* tail, unsigned int count)
     }
     // Notify outside the lock, and only when a worker sleeps: a busy pool pays no wake-up.
     if (waiters == 0) return;
-    if (count == 1) m_cv.notify_one();
+    if (count == 1 || waiters == 1) m_cv.notify_one();
     else m_cv.notify_all();
+}
+
+void CWorkQueue::AppendQuiet(SEvent* record)
+{
+    record->next = nullptr;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_tail) m_tail->next = record;
+    else m_head = record;
+    m_tail = record;
+    ++m_size;
 }
 
 void CWorkQueue::PushFront(SEvent* record)

@@ -16,9 +16,13 @@ public:
     CWorkQueue(const CWorkQueue&) = delete;
     CWorkQueue& operator=(const CWorkQueue&) = delete;
 
-    /// Appends the chain head..tail (linked through next) of `count` records.
+    /// Appends the chain head..tail (linked through next) of `count` records and wakes up
+    /// to `count` sleeping workers.
     void Append(SEvent* head, SEvent* tail, unsigned int count);
     void Append(SEvent* record) { Append(record, record, 1); }
+    /// Appends one record without waking anybody: for a worker that takes the record
+    /// itself unless another, already awake, is quicker.
+    void AppendQuiet(SEvent* record);
 
     /// Puts one record ahead of everything waiting.
     void PushFront(SEvent* record);

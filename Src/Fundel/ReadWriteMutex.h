@@ -19,7 +19,9 @@ public:
     // Lockable and SharedLockable, for std::unique_lock and std::shared_lock.
     void lock() { m_mutex.lock(); }
     void unlock() { m_mutex.unlock(); }
+    bool try_lock() { return m_mutex.try_lock(); }
     void lock_shared() { m_mutex.lock_shared(); }
+    bool try_lock_shared() { return m_mutex.try_lock_shared(); }
     void unlock_shared() { m_mutex.unlock_shared(); }
 
 private:

@@ -36,7 +36,12 @@ public:
     /// Creates the multiplexer and its wake-up descriptor; 0, or -1 with last_error().
     /// A failed Open() leaves the poller closed; Open() on an open poller fails.
     /// On Windows the socket library must be started (sock_startup) first.
-    int Open();
+    /// With `keep_armed`, a reported descriptor stays armed (level-triggered) where the
+    /// system allows it (Linux): see DisarmsOnReport().
+    int Open(bool keep_armed = false);
+
+    /// True when Wait() disarms what it reports (one-shot; always on Windows).
+    bool DisarmsOnReport() const;
 
     /// Releases everything Open() made; safe to call twice. No other thread may be
     /// using the poller.
@@ -58,7 +63,8 @@ public:
 
     /// Waits at most `timeout_us` microseconds (negative: without limit; 0: just looks)
     /// and stores up to `capacity` (at least 1) ready descriptors in `ready`, one entry
-    /// per descriptor, each disarmed; ready descriptors beyond `capacity` stay armed.
+    /// per descriptor, each disarmed when DisarmsOnReport(); ready descriptors beyond
+    /// `capacity` stay armed.
     /// A positive timeout is rounded up to the system's unit (milliseconds on Linux).
     /// Returns the number stored (0 on time-out, on Wake() or when interrupted), or -1
     /// with last_error() when the system call failed.

@@ -1,10 +1,12 @@
 // The Corvane demo: a public and a private thread pool, handlers that play ping-pong by
-// object id across the pools, serial messages, periodic timers, blocking TCP round trips
-// over loopback, and a clean shutdown in which every handler is released. It prints
-// what happened and how fast.
+// object id across the pools, serial messages, periodic timers, the reactor's echo
+// server driven by clients over loopback, and a clean shutdown in which every handler is
+// released. It prints what happened and how fast.
 //
-//   corvane_demo [--seconds S] [--pairs N] [--timers T]
+//   corvane_demo [--seconds S] [--pairs N] [--timers T] [--clients C]
 #include <Corvane/Corvane.h>
+
+#include "../echo_server/EchoServer.h"
 
 #include <algorithm>
 #include <atomic>
@@ -21,7 +23,6 @@ namespace {
 
 using Qelvar::Corvane::CNetHandler;
 using Qelvar::Corvane::CNetThread;
-using Qelvar::Corvane::CSockAcceptor;
 using Qelvar::Corvane::CSockAddrIPv4;
 using Qelvar::Corvane::CSockStream;
 using Clock = std::chrono::steady_clock;
@@ -33,6 +34,7 @@ struct Settings {
     double seconds = 1.0;
     int pairs = 4;
     int timers = 8;
+    int clients = 4;
     long long timer_us = 20000;
 };
 
@@ -167,56 +169,74 @@ private:
     std::vector<double> m_intervals;
 };
 
-/// Blocking TCP round trips over loopback: a server thread echoes what a client sends,
-/// both with the plain socket classes. Prints the rate; false when anything failed.
-bool tcp_round_trips(int rounds)
-{
-    CSockAcceptor acceptor;
-    acceptor.SetBlockOpt(true);
-    const CSockAddrIPv4 local("127.0.0.1", 0);
-    CSockAddrIPv4 bound;
-    if (acceptor.Open(local) != 0 || acceptor.GetLocalAddr(&bound) != 0) return false;
-
-    std::thread server([&] {
-        CSockStream peer;
-        peer.SetBlockOpt(true);
-        if (acceptor.Accept(peer, nullptr) != 0) return;
-        peer.SetSockNoDelay(true);
-        char buf[64];
-        for (int n; (n = peer.Recv_n(buf, sizeof buf, 5000000)) > 0;) {
-            if (peer.Send_n(buf, static_cast<unsigned int>(n), 5000000) != n) return;
-        }
-    });
-
-    CSockStream client;
-    client.SetBlockOpt(true);
-    bool ok = client.Connect(bound, nullptr) == 0 && client.SetSockNoDelay(true) == 0;
-    char out[64] = "corvane";
-    char in[64];
-    const auto start = Clock::now();
-    int done = 0;
-    for (; ok && done < rounds; ++done) {
-        ok = client.Send_n(out, sizeof out, 5000000) == static_cast<int>(sizeof out);
-        for (unsigned int got = 0; ok && got < sizeof in;) {
-            const int n = client.Recv_n(in + got, sizeof in - got, 5000000);
-            ok = n > 0;
-            got += ok ? static_cast<unsigned int>(n) : 0;
-        }
-    }
-    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    client.Close();  // the server's Recv_n sees the close and ends
-    server.join();
-    std::printf("  blocking TCP echo over loopback: %d round trips of %zu bytes, %.0f round trips/s, %.1f us each\n",
-                done, sizeof out, done / elapsed, elapsed / done * 1e6);
-    return ok && done == rounds;
-}
-
 double percentile(std::vector<double> v, double p)
 {
     if (v.empty()) return 0;
     std::sort(v.begin(), v.end());
     const auto i = static_cast<std::size_t>(p * static_cast<double>(v.size() - 1));
     return v[i];
+}
+
+/// The reactor's echo server (examples/echo_server) on the public pool, driven over
+/// loopback by `clients` blocking client threads that each send 64-byte messages and
+/// check every echo byte for byte. Prints the rate and round-trip times; false when
+/// anything failed.
+bool echo_round_trips(int clients, double seconds)
+{
+    Echo::SEchoStats stats;
+    auto* server = new Echo::CEchoServer(0, stats);
+    const CSockAddrIPv4 local("127.0.0.1", 0);
+    if (server->Start(local) != 0) {
+        server->Stop();
+        return false;
+    }
+    const CSockAddrIPv4 at("127.0.0.1", server->Port());
+
+    std::mutex mutex;
+    std::vector<double> rtts;  // microseconds
+    std::atomic<bool> failed{false};
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c] {
+            CSockStream client;
+            client.SetBlockOpt(true);
+            if (client.Connect(at, nullptr) != 0 || client.SetSockNoDelay(true) != 0) {
+                failed = true;
+                return;
+            }
+            std::vector<double> mine;
+            char out[64], in[64];
+            for (long n = 0; Clock::now() < end && !failed; ++n) {
+                std::snprintf(out, sizeof out, "client %d message %ld", c, n);
+                const auto sent = Clock::now();
+                bool ok = client.Send_n(out, sizeof out, 5000000) == static_cast<int>(sizeof out);
+                for (unsigned int got = 0; ok && got < sizeof in;) {
+                    const int r = client.Recv_n(in + got, sizeof in - got, 5000000);
+                    ok = r > 0;
+                    got += ok ? static_cast<unsigned int>(r) : 0;
+                }
+                if (!ok || std::memcmp(in, out, sizeof out) != 0) {
+                    failed = true;
+                    break;
+                }
+                mine.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            rtts.insert(rtts.end(), mine.begin(), mine.end());
+        });
+    }
+    for (auto& t : threads) t.join();
+    server->Stop();
+    // The connections end as they see their clients' close.
+    for (int i = 0; i < 500 && stats.closed.load() < stats.accepted.load(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::printf("  reactor echo server: %d clients x 64 bytes for %.1f s, %zu round trips checked, %.0f round trips/s, "
+                "round trip p50 %.1f us, p99 %.1f us\n",
+                clients, seconds, rtts.size(), static_cast<double>(rtts.size()) / seconds, percentile(rtts, 0.5),
+                percentile(rtts, 0.99));
+    return !failed && !rtts.empty();
 }
 
 bool parse(int argc, char** argv, Settings& s)
@@ -226,9 +246,11 @@ bool parse(int argc, char** argv, Settings& s)
         if (std::strcmp(argv[i], "--seconds") == 0 && has_value) s.seconds = std::atof(argv[++i]);
         else if (std::strcmp(argv[i], "--pairs") == 0 && has_value) s.pairs = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--timers") == 0 && has_value) s.timers = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--clients") == 0 && has_value) s.clients = std::atoi(argv[++i]);
         else return false;
     }
-    return s.seconds > 0 && s.seconds <= 60 && s.pairs >= 1 && s.pairs <= 1000 && s.timers >= 0 && s.timers <= 1000;
+    return s.seconds > 0 && s.seconds <= 60 && s.pairs >= 1 && s.pairs <= 1000 && s.timers >= 0 && s.timers <= 1000 &&
+           s.clients >= 1 && s.clients <= 256;
 }
 
 }  // namespace
@@ -237,7 +259,7 @@ int main(int argc, char** argv)
 {
     Settings settings;
     if (!parse(argc, argv, settings)) {
-        std::fprintf(stderr, "usage: %s [--seconds 0..60] [--pairs 1..1000] [--timers 0..1000]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s [--seconds 0..60] [--pairs 1..1000] [--timers 0..1000] [--clients 1..256]\n", argv[0]);
         return 2;
     }
 
@@ -322,7 +344,7 @@ int main(int argc, char** argv)
                     percentile(intervals, 0.0) / 1000, percentile(intervals, 1.0) / 1000);
     }
 
-    const bool tcp_ok = tcp_round_trips(10000);
+    const bool tcp_ok = echo_round_trips(settings.clients, settings.seconds);
 
     // Clean shutdown: every handler is closed and released before the pools go.
     for (auto* p : players) p->Close();

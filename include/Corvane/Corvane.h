@@ -5,6 +5,7 @@
 #include <Fundel/Function.h>
 #include <Fundel/Log.h>
 
+#include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 #include <Corvane/IoVec.h>
 #include <Corvane/NetHandler.h>

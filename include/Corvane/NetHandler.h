@@ -1,6 +1,7 @@
 // CNetHandler: the base class of every event-driven object of a Corvane application.
 #pragma once
 
+#include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 
 namespace Qelvar::Corvane {

@@ -58,6 +58,13 @@ public:
 
     /// Logs the registration of socket `fd` in every pool that has it, at level 3.
     static void DumpSockEvent(int fd);
+
+    /// Switches the socket trace on or off: "<Corvane Debug>" lines of the reactor for
+    /// the traced sockets, written at `level` (default 4).
+    static void SetSockTrace(bool on, int level = 4);
+    /// Adds socket `fd` to the traced set, or takes it out.
+    static void AddSockTrace(int fd);
+    static void RemoveSockTrace(int fd);
 };
 
 }  // namespace Qelvar::Corvane

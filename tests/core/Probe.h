@@ -63,14 +63,21 @@ public:
         CNetHandler::Close();
     }
 
+    // Callbacks; they live in this class so that they outlive the wait of its destructor.
     std::function<int(long, unsigned int, long)> on_message;
     std::function<long long(long)> on_timeout;
+    std::function<int(int)> on_input, on_output, on_exception, on_input_timeout, on_output_timeout;
 
     int handle_message(long from, unsigned int type, long attach) override
     {
         return on_message ? on_message(from, type, attach) : -1;
     }
     long long handle_timeout(long timer_id) override { return on_timeout ? on_timeout(timer_id) : -1; }
+    int handle_input(int fd) override { return on_input ? on_input(fd) : -1; }
+    int handle_output(int fd) override { return on_output ? on_output(fd) : -1; }
+    int handle_exception(int fd) override { return on_exception ? on_exception(fd) : -1; }
+    int handle_input_timeout(int fd) override { return on_input_timeout ? on_input_timeout(fd) : -1; }
+    int handle_output_timeout(int fd) override { return on_output_timeout ? on_output_timeout(fd) : -1; }
     int handle_close(CNetHandler*) override
     {
         // Everything needed after a self-delete is copied first.
@@ -85,6 +92,10 @@ public:
 
     // The protected API, opened for the tests.
     using CNetHandler::DestroyTimer;
+    using CNetHandler::generalRegisterSock;
+    using CNetHandler::RegisterSock;
+    using CNetHandler::RemoveSock;
+    using CNetHandler::UnregisterSock;
     using CNetHandler::Free;
     using CNetHandler::Malloc;
     using CNetHandler::Notify;

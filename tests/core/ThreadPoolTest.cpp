@@ -121,8 +121,10 @@ TEST(ThreadPool, PollerWaitFollowsTheMultiplexerTimeout)
     EXPECT_EQ(unlimited.TimeoutMicroseconds(), -1);
     EXPECT_EQ(negative.TimeoutMicroseconds(), 500000);
 
+    Qelvar::Corvane::CBTree<Qelvar::Corvane::SEvent> sockets;
+    Qelvar::Corvane::CWorkQueue queue;
     auto start = CTime::getCurrentMilliSecond();
-    fixed.Wait();
+    fixed.Wait(sockets, queue);
     auto elapsed = CTime::getCurrentMilliSecond() - start;
     EXPECT_GE(elapsed, 59);
     EXPECT_LT(elapsed, 1000);
@@ -133,7 +135,7 @@ TEST(ThreadPool, PollerWaitFollowsTheMultiplexerTimeout)
         unlimited.Wake();
     });
     start = CTime::getCurrentMilliSecond();
-    unlimited.Wait();
+    unlimited.Wait(sockets, queue);
     elapsed = CTime::getCurrentMilliSecond() - start;
     waker.join();
     EXPECT_GE(elapsed, 90);

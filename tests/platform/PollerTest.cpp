@@ -93,6 +93,29 @@ TEST_F(PollerTest, ModifyReplacesInterestReportDisarmsAndRemoveStops)
     EXPECT_EQ(m_poller.Modify(m_b[0], POLLER_IN), -1);
 }
 
+// Opened to keep descriptors armed, a ready one is reported on every wait (where the
+// system can keep it armed); Modify with no interest is how its owner takes it out.
+TEST_F(PollerTest, KeptArmedReportsUntilTheInterestChanges)
+{
+    CPoller level;
+    ASSERT_EQ(level.Open(true), 0);
+    ASSERT_EQ(level.Add(m_a[0], POLLER_IN), 0);
+    Poke(m_a[1]);
+    SPollReady ready[4]{};
+    int n = 0;
+    for (int i = 0; i < 3 && n == 0; ++i) n = level.Wait(kLong, ready, 4);
+    ASSERT_EQ(n, 1);
+    if (level.DisarmsOnReport()) {
+        EXPECT_EQ(level.Wait(30000, ready, 4), 0);  // select: out of the sets once reported
+    } else {
+        EXPECT_EQ(level.Wait(30000, ready, 4), 1);  // still ready, still armed
+        ASSERT_EQ(level.Modify(m_a[0], 0), 0);
+        EXPECT_EQ(level.Wait(30000, ready, 4), 0);
+    }
+    EXPECT_TRUE(m_poller.DisarmsOnReport());  // the default is one-shot everywhere
+    level.Close();
+}
+
 TEST_F(PollerTest, ReadyBeyondCapacityStaysArmedForTheNextWait)
 {
     ASSERT_EQ(m_poller.Add(m_a[0], POLLER_IN), 0);

@@ -128,7 +128,7 @@ public:
 
     std::string a, b, if_a, if_b, if_x, if_y;
 
-private:
+    /// Runs a shell command quietly; true when it succeeded.
     static bool sh(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
 };
 

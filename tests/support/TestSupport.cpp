@@ -7,10 +7,10 @@ namespace Qelvar::Test {
 
 LogCapture::LogCapture(int level) : m_saved_level(Fundel::GetLogLevel())
 {
-    Fundel::SetLogSink([this](const Fundel::LogRecord& r) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_records.push_back({r.level, r.module, r.path, r.function, r.line, r.message});
-        m_cv.notify_all();
+    Fundel::SetLogSink([state = m_state](const Fundel::LogRecord& r) {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->records.push_back({r.level, r.module, r.path, r.function, r.line, r.message});
+        state->cv.notify_all();
     });
     Fundel::SetLogLevel(level);
 }
@@ -23,15 +23,15 @@ LogCapture::~LogCapture()
 
 std::vector<CapturedLog> LogCapture::Records() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_records;
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    return m_state->records;
 }
 
 int LogCapture::Count(std::string_view text) const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(m_state->mutex);
     int n = 0;
-    for (const CapturedLog& r : m_records) {
+    for (const CapturedLog& r : m_state->records) {
         if (r.message.find(text) != std::string::npos) ++n;
     }
     return n;
@@ -39,8 +39,8 @@ int LogCapture::Count(std::string_view text) const
 
 bool LogCapture::Find(std::string_view text, CapturedLog* out) const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (const CapturedLog& r : m_records) {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    for (const CapturedLog& r : m_state->records) {
         if (r.message.find(text) != std::string::npos) {
             if (out) *out = r;
             return true;
@@ -51,10 +51,10 @@ bool LogCapture::Find(std::string_view text, CapturedLog* out) const
 
 bool LogCapture::WaitFor(std::string_view text, std::chrono::milliseconds timeout, int count) const
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_cv.wait_for(lock, timeout, [&] {
+    std::unique_lock<std::mutex> lock(m_state->mutex);
+    return m_state->cv.wait_for(lock, timeout, [&] {
         int n = 0;
-        for (const CapturedLog& r : m_records) {
+        for (const CapturedLog& r : m_state->records) {
             if (r.message.find(text) != std::string::npos) ++n;
         }
         return n >= count;
@@ -63,8 +63,8 @@ bool LogCapture::WaitFor(std::string_view text, std::chrono::milliseconds timeou
 
 void LogCapture::Clear()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_records.clear();
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    m_state->records.clear();
 }
 
 AssertCapture::AssertCapture()

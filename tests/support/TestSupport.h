@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -40,9 +41,14 @@ public:
     void Clear();
 
 private:
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_cv;
-    std::vector<CapturedLog> m_records;
+    // Shared with the sink: a record being written on another thread while the capture
+    // ends keeps what it writes into alive.
+    struct SState {
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::vector<CapturedLog> records;
+    };
+    std::shared_ptr<SState> m_state = std::make_shared<SState>();
     int m_saved_level;
 };
 

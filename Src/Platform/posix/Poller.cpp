@@ -1,6 +1,8 @@
-// Readiness on Linux: one epoll set. Registrations are level-triggered and one-shot:
-// the kernel disarms a descriptor as it reports it, and Modify() re-arms it with one
-// EPOLL_CTL_MOD. So interest changes need no wake-up; the eventfd is only for Wake().
+// Readiness on Linux: one epoll set, level-triggered. By default registrations are also
+// one-shot: the kernel disarms a descriptor as it reports it, and Modify() re-arms it
+// with one EPOLL_CTL_MOD. Opened to keep descriptors armed, it reports a ready one on
+// every wait until its owner changes the interest. Interest changes need no wake-up
+// either way; the eventfd is only for Wake().
 #include "Platform/Poller.h"
 
 #include <cerrno>
@@ -21,9 +23,9 @@ namespace {
 /// Events fetched per Wait(); more ready descriptors wait for the next call, still armed.
 constexpr int kMaxEvents = 256;
 
-std::uint32_t to_epoll(unsigned int interest)
+std::uint32_t to_epoll(unsigned int interest, bool oneshot)
 {
-    std::uint32_t events = EPOLLONESHOT;
+    std::uint32_t events = oneshot ? static_cast<std::uint32_t>(EPOLLONESHOT) : 0u;
     // RDHUP only with read interest: a write-only registration would otherwise be woken
     // again and again by a peer that merely stopped sending.
     if (interest & POLLER_IN) events |= EPOLLIN | EPOLLRDHUP;
@@ -61,6 +63,7 @@ int closed_error()
 }  // namespace
 
 struct CPoller::Impl {
+    bool m_oneshot = true;
     int m_epoll_fd = -1;
     int m_wake_fd = -1;
     std::mutex m_wake_mutex;  ///< guards m_wakeups and the eventfd's counter
@@ -71,7 +74,7 @@ struct CPoller::Impl {
     int control(int op, int fd, unsigned int interest)
     {
         epoll_event ev{};
-        ev.events = to_epoll(interest);
+        ev.events = to_epoll(interest, m_oneshot);
         ev.data.fd = fd;
         return ::epoll_ctl(m_epoll_fd, op, fd, &ev) == 0 ? 0 : -1;
     }
@@ -105,7 +108,7 @@ CPoller::~CPoller()
     Close();
 }
 
-int CPoller::Open()
+int CPoller::Open(bool keep_armed)
 {
     if (m_impl != nullptr) {
         errno = EALREADY;
@@ -117,6 +120,7 @@ int CPoller::Open()
         return -1;
     }
     m_impl = impl;
+    impl->m_oneshot = !keep_armed;
     impl->m_epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
     if (impl->m_epoll_fd >= 0) impl->m_wake_fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     // The wake descriptor stays armed for good: no EPOLLONESHOT.
@@ -178,6 +182,11 @@ int CPoller::Wait(long long timeout_us, SPollReady* ready, int capacity)
         ++count;
     }
     return count;
+}
+
+bool CPoller::DisarmsOnReport() const
+{
+    return m_impl == nullptr || m_impl->m_oneshot;
 }
 
 void CPoller::Wake()

@@ -150,7 +150,7 @@ CPoller::~CPoller()
     Close();
 }
 
-int CPoller::Open()
+int CPoller::Open(bool)
 {
     if (m_impl != nullptr) {
         set_last_error(WSAEALREADY);
@@ -257,6 +257,11 @@ int CPoller::Wait(long long timeout_us, SPollReady* ready, int capacity)
         ready[kept++] = ready[j];
     }
     return kept;
+}
+
+bool CPoller::DisarmsOnReport() const
+{
+    return true;  // select() has no persistent interest: reported sockets leave the sets
 }
 
 void CPoller::Wake()
