@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by run-demo and run-tests: the Debian/Ubuntu packages a build needs, and the
+# Sourced by run-demo, run-tests and bench/run: the Debian/Ubuntu packages a build needs, and the
 # step that installs the missing ones with apt.
 # shellcheck disable=SC2034 # the lists are used by the scripts that source this file
 
@@ -11,6 +11,10 @@ CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
 # The fuzz stage: clang and its libFuzzer and sanitizer runtimes.
 CORVANE_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
+# The echo benchmark (bench/run): the peer libraries its servers are written on, ss to
+# see a server listen, taskset to pin it; strace for its --syscalls mode.
+CORVANE_BENCH_PACKAGES=(libevent-dev libuv1-dev libasio-dev iproute2 util-linux)
+CORVANE_STRACE_PACKAGES=(strace)
 
 # Installs whichever of the named packages is not installed yet; does nothing (and needs
 # no network) when all are there. Uses sudo when not run as root.
