@@ -131,8 +131,12 @@ void CSockTimer::expire(std::int64_t tick)
             ev = next;
             continue;
         }
+        // Fired on the first tick after its expiry: the expiry already holds one extra
+        // tick, and the tick in progress when it was set may have begun up to 500 ms
+        // before, so a time-out of t fires between t + 500 and t + 1000 ms after it was
+        // set, never early.
         const std::int64_t due = ev->timer.m_time_out;
-        if (due < 1 || due > tick) {
+        if (due < 1 || due >= tick) {
             ev->m_mutex.Leave();
             ev = next;
             continue;
