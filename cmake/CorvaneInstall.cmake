@@ -12,6 +12,8 @@ install(TARGETS Corvane EXPORT CorvaneTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/Corvane include/Fundel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/Corvane/Config.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Corvane)
 
 install(EXPORT CorvaneTargets NAMESPACE Corvane:: DESTINATION ${CORVANE_CMAKE_DIR})
 configure_package_config_file(cmake/CorvaneConfig.cmake.in

@@ -5,7 +5,7 @@
 
 # Native build, the test suites and the benchmarks. googletest is the source tree
 # under /usr/src/googletest that the Windows cross build compiles.
-CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config
+CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl
                        libgtest-dev libgmock-dev googletest libbenchmark-dev)
 # The Windows cross build and Wine to run its programs.
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)

@@ -1,5 +1,7 @@
 #include <Corvane/NetThread.h>
 
+#include <Corvane/Config.h>
+
 #include <memory>
 #include <mutex>
 
@@ -16,6 +18,12 @@
 #include "Core/ThreadPool.h"
 #include "Fundel/LogDefs.h"
 #include "Platform/Thread.h"
+
+#if CORVANE_HAVE_TLS
+#include <openssl/ssl.h>
+
+#include "Socket/SslDgram.h"
+#endif
 
 namespace Qelvar::Corvane {
 
@@ -83,13 +91,27 @@ void stop_stream_receivers()
 {
 }
 
+// TLS: OpenSSL's algorithms and error texts, then the process's ticket keys. OpenSSL
+// cleans itself up at exit; the keys live as long as the process.
 void init_tls_library()
 {
+#if CORVANE_HAVE_TLS
+    static std::once_flag started;
+    std::call_once(started, [] {
+        OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS |
+                             OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS,
+                         nullptr);
+    });
+    CSslDgram::Init();
+#endif
 }
 
 void cleanup_tls_library()
 {
 }
+
+// Set by SSLThreadSetup; plain, as the calls belong to one thread before the others start.
+bool g_ssl_thread_setup = false;
 
 int start_file_threads()
 {
@@ -306,6 +328,24 @@ void CNetThread::AddSockTrace(int fd)
 void CNetThread::RemoveSockTrace(int fd)
 {
     CSockTrace::Remove(fd);
+}
+
+void CNetThread::SSLThreadSetup()
+{
+    if (g_ssl_thread_setup) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : SSLThreadSetup have been set!\n", "CNetThread::SSLThreadSetup");
+        return;
+    }
+    g_ssl_thread_setup = true;
+}
+
+void CNetThread::SSLThreadCleanup()
+{
+    if (!g_ssl_thread_setup) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : SSLThreadSetup have not set !\n", "CNetThread::SSLThreadCleanup");
+        return;
+    }
+    g_ssl_thread_setup = false;
 }
 
 }  // namespace Qelvar::Corvane

@@ -5,6 +5,7 @@
 #include <Fundel/Function.h>
 #include <Fundel/Log.h>
 
+#include <Corvane/Config.h>
 #include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 #include <Corvane/IoVec.h>
@@ -22,3 +23,9 @@
 #include <Corvane/SockDgram.h>
 #include <Corvane/SockStream.h>
 #include <Corvane/TsMemory.h>
+
+#if CORVANE_HAVE_TLS
+#include <Corvane/SslAcceptor.h>
+#include <Corvane/SslStream.h>
+#include <Corvane/SslX509.h>
+#endif

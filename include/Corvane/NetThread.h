@@ -65,6 +65,14 @@ public:
     /// Adds socket `fd` to the traced set, or takes it out.
     static void AddSockTrace(int fd);
     static void RemoveSockTrace(int fd);
+
+    /// Prepares the TLS library for use from several threads; call once before the
+    /// threads use TLS (OpenSSL 3 locks itself, so this only records that it was done).
+    /// A second call logs "SSLThreadSetup have been set!" and does nothing.
+    static void SSLThreadSetup();
+    /// Undoes SSLThreadSetup after the threads stopped; logs "SSLThreadSetup have not
+    /// set !" when it was not done.
+    static void SSLThreadCleanup();
 };
 
 }  // namespace Qelvar::Corvane

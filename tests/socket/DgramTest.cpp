@@ -11,6 +11,7 @@
 #include <Corvane/SockDgram.h>
 
 #include "DgramProbe.h"
+#include "NoAddr.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
 #include "TestSupport.h"
@@ -18,6 +19,7 @@
 namespace Qelvar::Corvane {
 
 using Qelvar::Test::kDatagramWaitUs;
+using Qelvar::Test::CNoAddr;
 using Qelvar::Test::LogCapture;
 using Qelvar::Test::option_of;
 
@@ -32,14 +34,6 @@ bool open_loopback(CSockDgram& s, CSockAddr& bound)
     return s.Open(&local) == 0 && s.GetLocalAddr(&bound) == 0;
 }
 
-// An address of a type no socket call takes.
-class CNoAddr : public CSockAddr {
-public:
-    CNoAddr() : CSockAddr(SOCKADDR_TYPE_NONE) {}
-    sockaddr* GetAddr(sockaddr*) const override { return nullptr; }
-    unsigned int GetAddrLen() const override { return 0; }
-    bool IsValid() const override { return false; }
-};
 
 }  // namespace
 

@@ -1,0 +1,176 @@
+// Interoperability with a TLS implementation nobody here wrote: the openssl command's
+// s_server against Corvane's client, and its s_client against Corvane's server.
+#include "TlsSupport.h"
+
+#include <cstring>
+
+namespace TlsTest {
+namespace {
+
+using Qelvar::Test::LogCapture;
+
+using InteropTest = TlsFixture;
+
+bool have_openssl_command()
+{
+    int status = -1;
+    RunCommand("openssl version", &status);
+    return status == 0;
+}
+
+// `openssl s_server` in -rev mode (each line comes back reversed) for `accepts`
+// connections, run on a thread; Output() after Join().
+class OpensslServer {
+public:
+    OpensslServer(const std::string& args, int accepts) : m_port(FreePort())
+    {
+        const std::string command = "timeout 30 openssl s_server -accept 127.0.0.1:" + std::to_string(m_port) +
+                                    " -cert " + TestPki::Path("server/cacert.pem") + " -key " +
+                                    TestPki::Path("server/privkey.pem") + " -rev -naccept " +
+                                    std::to_string(accepts) + " " + args;
+        m_thread = std::thread([this, command] { m_output = RunCommand(command); });
+        // Listening once a plain connection gets through (s_server takes it as one of
+        // its accepts, so it is not made: poll the port with a bind test instead).
+        for (int i = 0; i < 250 && !listening(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ~OpensslServer() { Join(); }
+
+    CSockAddrIPv4 Address() const { return CSockAddrIPv4("127.0.0.1", m_port); }
+    const std::string& Join()
+    {
+        if (m_thread.joinable()) m_thread.join();
+        return m_output;
+    }
+
+private:
+    // The port is taken once binding it fails.
+    bool listening() const
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(m_port);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const bool taken = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0;
+        ::close(fd);
+        return taken;
+    }
+
+    unsigned short m_port;
+    std::string m_output;
+    std::thread m_thread;
+};
+
+// Sends a line and reads the reversed line back.
+std::string reversed_echo(CSslStream& stream, const std::string& line)
+{
+    const std::string sent = line + "\n";
+    if (stream.Send_n(sent.data(), static_cast<unsigned int>(sent.size()), 2000) != static_cast<int>(sent.size())) {
+        return "<send failed>";
+    }
+    std::string back;
+    char buf[256];
+    while (back.find('\n') == std::string::npos) {
+        const int n = stream.Recv_n(buf, sizeof buf, 3000);
+        if (n <= 0) return back + "<recv failed>";
+        back.append(buf, static_cast<std::size_t>(n));
+    }
+    return back.substr(0, back.find('\n'));
+}
+
+class InteropVersions : public InteropTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(InteropVersions, CorvaneClientResumesWithOpensslServer)
+{
+    if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
+    const std::string version = GetParam();
+    OpensslServer server("-" + version, 2);
+    for (int round = 0; round < 2; ++round) {
+        CSslStream client;
+        client.SetOption(0, 1 | 2, nullptr);  // the first cache, tickets allowed
+        auto* trust = new CSslX509();
+        trust->AddTrustedCAFile(TestPki::Path("ca.pem").c_str());
+        client.SetOption(1, 1, trust);
+        ASSERT_EQ(client.Connect(server.Address(), nullptr), 0) << "round " << round;
+        EXPECT_EQ(client.IsSessionReused(), round) << "round " << round;
+        const std::string line = "hello " + version;
+        EXPECT_EQ(reversed_echo(client, line), std::string(line.rbegin(), line.rend()));
+    }
+    const std::string& output = server.Join();
+    EXPECT_NE(output.find(version == "tls1_3" ? "TLSv1.3" : "TLSv1.2"), std::string::npos) << output;
+}
+
+TEST_P(InteropVersions, OpensslClientResumesWithCorvaneServer)
+{
+    if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
+    const std::string version = GetParam();
+    auto once = [](CSslStream& stream) {
+        char buf[256];
+        const int n = stream.Recv_n(buf, sizeof buf, 3000);
+        if (n > 0) stream.Send_n(buf, static_cast<unsigned int>(n), 2000);
+    };
+    ServerThread server(
+        [](CSslAcceptor& a) {
+            UseServerCert(a);
+            a.SetOption(0, 1 | 2, nullptr);  // session cache and tickets
+        },
+        once, 2);
+    const std::string session = TestPki::Dir() + "/session-" + version + ".pem";
+    const std::string base = "printf 'ping\\n' | timeout 20 openssl s_client -connect 127.0.0.1:" +
+                             std::to_string(server.Port()) + " -" + version + " -servername localhost -CAfile " +
+                             TestPki::Path("ca.pem") + " -verify_return_error -ign_eof ";
+    int status = -1;
+    const std::string first = RunCommand(base + "-sess_out " + session, &status);
+    EXPECT_EQ(status, 0) << first;
+    EXPECT_NE(first.find("New, TLSv1."), std::string::npos) << first;
+    EXPECT_NE(first.find("Verification: OK"), std::string::npos) << first;
+    EXPECT_NE(first.find("ping"), std::string::npos) << first;
+    const std::string second = RunCommand(base + "-sess_in " + session, &status);
+    EXPECT_EQ(status, 0) << second;
+    EXPECT_NE(second.find("Reused, TLSv1."), std::string::npos) << second;
+    EXPECT_EQ(server.Join(), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, InteropVersions, ::testing::Values("tls1_2", "tls1_3"));
+
+TEST_F(InteropTest, ServerNameSelectsTheOpensslServersSecondIdentity)
+{
+    if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
+    OpensslServer server("-servername other.test -cert2 " + TestPki::Path("other/cacert.pem") + " -key2 " +
+                             TestPki::Path("other/privkey.pem"),
+                         2);
+    for (const char* name : {"other.test", ""}) {
+        SCOPED_TRACE(name);
+        CSslStream client;
+        if (*name) client.SetOption(6, 0, const_cast<char*>(name));
+        ASSERT_EQ(client.Connect(server.Address(), nullptr), 0);
+        CSslX509 peer;
+        ASSERT_EQ(client.GetPeerCert(&peer), 0);
+        char subject[256];
+        ASSERT_GT(peer.GetSubject(subject, sizeof subject), 0);
+        EXPECT_NE(std::strstr(subject, *name ? "other.test" : "localhost"), nullptr) << subject;
+        EXPECT_EQ(reversed_echo(client, "abc"), "cba");
+    }
+}
+
+TEST_F(InteropTest, BannedVersionsAreRefused)
+{
+    if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
+    LogCapture log;
+    ServerThread server(
+        [](CSslAcceptor& a) {
+            UseServerCert(a);
+            a.SetOption(2, 4 | 8, nullptr);  // TLS 1.0 and 1.1 on top of SSLv2/SSLv3
+        },
+        nullptr, 1);
+    int status = -1;
+    const std::string out = RunCommand("printf '' | timeout 20 openssl s_client -connect 127.0.0.1:" +
+                                    std::to_string(server.Port()) + " -tls1_1",
+                                &status);
+    EXPECT_NE(status, 0) << out;
+    EXPECT_EQ(server.Join(), 0);
+    EXPECT_TRUE(log.Contains("SSL_accept failed"));
+}
+
+}  // namespace
+}  // namespace TlsTest

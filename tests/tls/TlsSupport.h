@@ -1,0 +1,156 @@
+// Shared pieces of the TLS tests: a fixture that starts the library, a blocking TLS
+// server on a thread, the openssl command as a peer, and descriptor counting.
+#pragma once
+
+#include <Corvane/Corvane.h>
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+#include "TestPki.h"
+#include "TestSupport.h"
+
+namespace TlsTest {
+
+using namespace Qelvar::Corvane;
+
+/// Open descriptors of this process.
+inline int OpenFds()
+{
+    int count = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (readdir(dir)) ++count;
+        closedir(dir);
+    }
+    return count;
+}
+
+/// A loopback port nobody listens on right now.
+inline unsigned short FreePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
+
+/// Runs a shell command; its standard output and error, and its exit status in `*status`.
+inline std::string RunCommand(const std::string& command, int* status = nullptr)
+{
+    std::string out;
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return out;
+    char buf[4096];
+    std::size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
+    const int rc = ::pclose(pipe);
+    if (status) *status = rc;
+    return out;
+}
+
+/// Starts the library's pools (and with them the TLS library) for each test.
+class TlsFixture : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(CNetThread::CreateThreadPool(2), 0); }
+    void TearDown() override { CNetThread::DestroyThreadPool(); }
+};
+
+/// A blocking TLS server on a thread: `configure` sets the acceptor up, then it accepts
+/// `count` connections one after the other and runs `serve` on each one that completed
+/// its handshake. Result(): how many handshakes succeeded.
+class ServerThread {
+public:
+    using Configure = std::function<void(CSslAcceptor&)>;
+    using Serve = std::function<void(CSslStream&)>;
+
+    ServerThread(Configure configure, Serve serve, int count = 1) : m_port(0)
+    {
+        std::promise<unsigned short> port;
+        auto ready = port.get_future();
+        m_thread = std::thread([this, configure, serve, count, p = std::move(port)]() mutable {
+            CSslAcceptor acceptor;
+            configure(acceptor);
+            const CSockAddrIPv4 local("127.0.0.1", 0);
+            if (acceptor.Open(local, false) != 0) {
+                p.set_value(0);
+                return;
+            }
+            CSockAddrStorage bound;
+            acceptor.GetLocalAddr(&bound);
+            p.set_value(bound.GetPort());
+            for (int i = 0; i < count; ++i) {
+                CSslStream stream;
+                if (acceptor.Accept(stream, static_cast<CSockAddr*>(nullptr)) != 0) continue;
+                ++m_accepted;
+                if (serve) serve(stream);
+            }
+        });
+        m_port = ready.get();
+    }
+    ~ServerThread() { Join(); }
+
+    unsigned short Port() const { return m_port; }
+    CSockAddrIPv4 Address() const { return CSockAddrIPv4("127.0.0.1", m_port); }
+    /// Waits for the server to finish its connections; the handshakes that succeeded.
+    int Join()
+    {
+        if (m_thread.joinable()) m_thread.join();
+        return m_accepted;
+    }
+
+private:
+    unsigned short m_port;
+    int m_accepted = 0;
+    std::thread m_thread;
+};
+
+/// Echoes what arrives until the peer closes or nothing came for two seconds.
+inline void Echo(CSslStream& stream)
+{
+    char buf[16384];
+    for (;;) {
+        const int n = stream.Recv_n(buf, sizeof buf, 2000);
+        if (n <= 0) return;
+        if (stream.Send_n(buf, static_cast<unsigned int>(n), 2000) != n) return;
+    }
+}
+
+/// The server identity of TestPki as a pem directory.
+inline void UseServerCert(CSslAcceptor& acceptor)
+{
+    acceptor.SetPemPath(TestPki::Path("server").c_str());
+}
+
+/// Sends `text` and reads the same number of bytes back; what came back.
+inline std::string RoundTrip(CSslStream& stream, const std::string& text)
+{
+    if (stream.Send_n(text.data(), static_cast<unsigned int>(text.size()), 2000) != static_cast<int>(text.size())) {
+        return "<send failed>";
+    }
+    std::string back;
+    char buf[16384];
+    while (back.size() < text.size()) {
+        const int n = stream.Recv_n(buf, sizeof buf, 2000);
+        if (n <= 0) return back + "<recv failed>";
+        back.append(buf, static_cast<std::size_t>(n));
+    }
+    return back;
+}
+
+}  // namespace TlsTest
