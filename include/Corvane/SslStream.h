@@ -7,7 +7,6 @@
 #include <memory>
 
 struct ssl_st;
-struct ssl_session_st;
 
 namespace Qelvar::Corvane {
 
@@ -93,10 +92,6 @@ private:
     struct SImpl;
 
     int handshake(CSockStream* stream);
-    int map_failure(int ret, const void* lines, unsigned int len);
-    static int on_new_session(ssl_st* ssl, ssl_session_st* session);
-    void offer_session(CSockStream* stream);
-    void store_session();
     void release_connection();
     /// Takes over a connection established by an acceptor.
     void adopt(ssl_st* ssl, CSockStream* stream);
