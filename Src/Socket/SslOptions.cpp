@@ -36,7 +36,7 @@ constexpr unsigned char kSessionIdContext[] = "Corvane";
 }  // namespace
 
 SslOptions::SslOptions(const void* owner, bool server, bool async)
-    : m_owner(owner), m_server(server), m_err_label(async ? "errno" : "error")
+    : m_owner(owner), m_server(server), m_err_label(async ? "errno" : "error"), m_async(async)
 {
     // A client gives up a handshake after 5 s unless told otherwise.
     if (!server) timeout_ms = 5000;
@@ -97,6 +97,37 @@ int SslOptions::Set(int option, int type, void* value, int length, const char* f
     }
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Unknown Option %d Type %d !\n", m_owner, function, option, type);
     return 0;
+}
+
+int SslOptions::Get(int option, int& type, void* value, int& length) const
+{
+    switch (option) {
+    case SSL_OPTION_SESSION:
+        type = session_flags;
+        if ((session_flags & SSL_SESSION_BY_ID) && value) {
+            *static_cast<unsigned int*>(value) = session_id;
+            length = static_cast<int>(sizeof(unsigned int));
+        }
+        return 0;
+    case SSL_OPTION_CERTIFICATE:
+        type = cert_mode;
+        return 0;
+    case SSL_OPTION_PROTOCOL_BAN:
+        type = static_cast<int>(ban_bits);
+        return 0;
+    case SSL_OPTION_CIPHER_LIST:
+        type = cipher_kind;
+        return 0;
+    case SSL_OPTION_TIMEOUT:
+        type = timeout_kind;
+        if (value) {
+            *static_cast<int*>(value) = timeout_ms;
+            length = static_cast<int>(sizeof(int));
+        }
+        return 0;
+    default:
+        return -1;
+    }
 }
 
 bool SslOptions::Valid(const char* function) const
@@ -257,14 +288,16 @@ SSL* SslOptions::NewConnection(SSL_CTX* ctx, int fd, const char* function) const
 
 void SslOptions::SetHandshakeLimits(int fd, int ms, const char* function) const
 {
-    for (bool receive : {true, false}) {
-        if (Platform::sock_set_io_timeout(fd, receive, ms) == 0) continue;
+    static constexpr const char* kLines[2][2] = {
+        // The blocking classes label both numbers "send_t".
+        {"this:%p %s :Set SO_RCVTIMEO failed! fd[%d], send_t:%d, send_t:%d, error:%d, %s\n",
+         "this:%p %s :Set SO_SNDTIMEO failed! fd[%d], send_t:%d, send_t:%d, error:%d, %s\n"},
+        {"this:%p %s :Set SO_RCVTIMEO failed! fd[%d], send_t[%d], recv_t[%d], errno:%d,%s\n",
+         "this:%p %s :Set SO_SNDTIMEO failed! fd[%d], send_t[%d], recv_t[%d], errno:%d,%s\n"}};
+    for (int i = 0; i < 2; ++i) {
+        if (Platform::sock_set_io_timeout(fd, i == 0, ms) == 0) continue;
         const int err = Platform::last_error();
-        // Both lines label their two numbers "send_t".
-        CVN_LOG(Fundel::LOG_WARN,
-                receive ? "this:%p %s :Set SO_RCVTIMEO failed! fd[%d], send_t:%d, send_t:%d, error:%d, %s\n"
-                        : "this:%p %s :Set SO_SNDTIMEO failed! fd[%d], send_t:%d, send_t:%d, error:%d, %s\n",
-                m_owner, function, fd, ms, ms, err, SErrorText(err).text);
+        CVN_LOG(Fundel::LOG_WARN, kLines[m_async ? 1 : 0][i], m_owner, function, fd, ms, ms, err, SErrorText(err).text);
         return;
     }
 }

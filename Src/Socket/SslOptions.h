@@ -49,6 +49,11 @@ public:
     /// terminator. 0, or -1 when a value is missing or cannot be stored.
     int Set(int option, int type, void* value, int length, const char* function);
 
+    /// GetOption of the TLS classes: option 0 gives the session flags in `type` and, with
+    /// keying by id, the id in `*(unsigned int*)value`; option 4 the time-out in
+    /// `*(int*)value`; options 1-3 their type. 0, or -1 for another option.
+    int Get(int option, int& type, void* value, int& length) const;
+
     /// True when a server has a certificate source; else logs "server need the
     /// certificate compulsorily" and returns false.
     bool Valid(const char* function) const;
@@ -64,7 +69,8 @@ public:
     const char* CipherList() const;
 
     /// Bounds the blocking reads and writes of a handshake on `fd` (SO_RCVTIMEO and
-    /// SO_SNDTIMEO) to `ms`; 0 removes the bounds. Failures are logged only.
+    /// SO_SNDTIMEO) to `ms`; 0 removes the bounds. Failures are logged only (each side's
+    /// classes word the line their own way).
     void SetHandshakeLimits(int fd, int ms, const char* function) const;
 
     // The record, in the order of its description.
@@ -95,6 +101,7 @@ private:
     const void* m_owner;
     bool m_server;
     const char* m_err_label;  // "error" or "errno"
+    bool m_async;
 };
 
 }  // namespace Qelvar::Corvane

@@ -191,34 +191,7 @@ int CSslStream::SetOption(int option, int type, void* value, int length)
 
 int CSslStream::GetOption(int option, int& type, void* value, int& length)
 {
-    const SslOptions& options = m_impl->options;
-    switch (option) {
-    case SSL_OPTION_SESSION:
-        type = options.session_flags;
-        if ((options.session_flags & SSL_SESSION_BY_ID) && value) {
-            *static_cast<unsigned int*>(value) = options.session_id;
-            length = static_cast<int>(sizeof(unsigned int));
-        }
-        return 0;
-    case SSL_OPTION_CERTIFICATE:
-        type = options.cert_mode;
-        return 0;
-    case SSL_OPTION_PROTOCOL_BAN:
-        type = static_cast<int>(options.ban_bits);
-        return 0;
-    case SSL_OPTION_CIPHER_LIST:
-        type = options.cipher_kind;
-        return 0;
-    case SSL_OPTION_TIMEOUT:
-        type = options.timeout_kind;
-        if (value) {
-            *static_cast<int*>(value) = options.timeout_ms;
-            length = static_cast<int>(sizeof(int));
-        }
-        return 0;
-    default:
-        return -1;
-    }
+    return m_impl->options.Get(option, type, value, length);
 }
 
 int CSslStream::SetPemPath(const char* dir)

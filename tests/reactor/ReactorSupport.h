@@ -16,6 +16,7 @@
 
 #include "../core/Probe.h"
 #include "Core/ThreadPool.h"
+#include "TestSupport.h"
 
 namespace Qelvar::Test {
 
@@ -48,18 +49,6 @@ inline long long registered_mask(int pool, int fd)
         std::lock_guard<Fundel::CMutex> record(ev->m_mutex);
         return static_cast<long long>(ev->socket.m_event_mask);
     });
-}
-
-/// Waits until `done()` holds, checking every millisecond; false after `timeout`.
-template <class F>
-bool eventually(F done, std::chrono::milliseconds timeout = std::chrono::seconds(10))
-{
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 }  // namespace Qelvar::Test

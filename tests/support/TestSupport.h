@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace Qelvar::Test {
@@ -67,5 +68,17 @@ private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_exprs;
 };
+
+/// Waits until `done()` holds, checking every millisecond; false after `timeout`.
+template <class F>
+bool eventually(F done, std::chrono::milliseconds timeout = std::chrono::seconds(10))
+{
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 }  // namespace Qelvar::Test

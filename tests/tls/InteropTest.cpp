@@ -104,17 +104,12 @@ TEST_P(InteropVersions, OpensslClientResumesWithCorvaneServer)
 {
     if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
     const std::string version = GetParam();
-    auto once = [](CSslStream& stream) {
-        char buf[256];
-        const int n = stream.Recv_n(buf, sizeof buf, 3000);
-        if (n > 0) stream.Send_n(buf, static_cast<unsigned int>(n), 2000);
-    };
     ServerThread server(
         [](CSslAcceptor& a) {
             UseServerCert(a);
             a.SetOption(0, 1 | 2, nullptr);  // session cache and tickets
         },
-        once, 2);
+        EchoOnce, 2);
     const std::string session = TestPki::Dir() + "/session-" + version + ".pem";
     const std::string base = "printf 'ping\\n' | timeout 20 openssl s_client -connect 127.0.0.1:" +
                              std::to_string(server.Port()) + " -" + version + " -servername localhost -CAfile " +

@@ -131,6 +131,14 @@ inline void Echo(CSslStream& stream)
     }
 }
 
+/// Echoes the first message that arrives, then lets the connection go.
+inline void EchoOnce(CSslStream& stream)
+{
+    char buf[16384];
+    const int n = stream.Recv_n(buf, sizeof buf, 5000);
+    if (n > 0) stream.Send_n(buf, static_cast<unsigned int>(n), 2000);
+}
+
 /// The server identity of TestPki as a pem directory.
 inline void UseServerCert(CSslAcceptor& acceptor)
 {

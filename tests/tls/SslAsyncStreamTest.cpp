@@ -1,0 +1,170 @@
+// The reactor-driven TLS stream: hand-over to the user's handler, failures reaching it
+// as events, transfers afterwards.
+#include "TlsSupport.h"
+
+#include <mutex>
+
+#include "../core/Probe.h"
+
+namespace TlsTest {
+namespace {
+
+using Qelvar::Test::LogCapture;
+using Qelvar::Test::Probe;
+using Qelvar::Test::Signal;
+
+using SslAsyncStreamTest = TlsFixture;
+
+// A user handler with its stream: records what the hand-over said, then (when
+// `message` is set) sends it and collects the echo.
+struct AsyncClient {
+    explicit AsyncClient(std::string text = "") : message(std::move(text))
+    {
+        probe.on_output = [this](int) {
+            outputs.fetch_add(1);
+            status = stream.GetConnectStatus();
+            reused = stream.IsSessionReused();
+            if (status != 0) {
+                probe.RemoveSock(stream);  // what a user does with a failed stream
+            } else if (!message.empty()) {
+                probe.UnregisterSock(stream, MASK_WRITE);
+                probe.RegisterSock(stream, MASK_READ, 0);
+                stream.Send_n(message.data(), static_cast<unsigned int>(message.size()), 2000);
+            }
+            handed.Add();
+            return 0;
+        };
+        probe.on_input = [this](int) {
+            char buf[4096];
+            int n;
+            // TLS may hold more than the socket shows: read until nothing is left.
+            while ((n = stream.Recv(buf, sizeof buf)) > 0) {
+                std::lock_guard<std::mutex> lock(mutex);
+                received.append(buf, static_cast<std::size_t>(n));
+                if (received.size() >= message.size()) echoed.Add();
+            }
+            return 0;
+        };
+        probe.on_output_timeout = [this](int) {
+            timeouts.Add();
+            return -1;
+        };
+    }
+    ~AsyncClient()
+    {
+        probe.RemoveSock(stream);
+        probe.Close();
+    }
+    std::string Received()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received;
+    }
+
+    std::string message;
+    CSslAsyncStream stream;
+    Probe probe;  // destroyed first: it waits until no callback can run any more
+    std::atomic<int> outputs{0};
+    std::atomic<int> status{-3};
+    std::atomic<int> reused{-1};
+    Signal handed, echoed, timeouts;
+    std::mutex mutex;
+    std::string received;
+};
+
+TEST_F(SslAsyncStreamTest, HandsTheSocketOverAfterTheHandshakeAndEchoes)
+{
+    ServerThread server(
+        [](CSslAcceptor& a) {
+            UseServerCert(a);
+            a.SetOption(0, 1, nullptr);
+        },
+        Echo, 2);
+    for (int round = 0; round < 2; ++round) {
+        AsyncClient client("reactor-driven TLS, round " + std::to_string(round));
+        client.stream.SetOption(0, 1, nullptr);
+        EXPECT_EQ(client.stream.GetType(), static_cast<unsigned int>(SOCK_TYPE_SSL_ASYNC));
+        ASSERT_EQ(client.stream.Connect(server.Address(), nullptr), 0);
+        EXPECT_EQ(client.stream.GetConnectStatus(), -2);
+        ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 5000000), 0);
+        ASSERT_TRUE(client.handed.WaitFor(1, std::chrono::seconds(5)));
+        EXPECT_EQ(client.status.load(), 0);
+        EXPECT_EQ(client.reused.load(), round);  // the second resumes the first's session
+        ASSERT_TRUE(client.echoed.WaitFor(1, std::chrono::seconds(5)));
+        EXPECT_EQ(client.Received(), client.message);
+        EXPECT_EQ(client.outputs.load(), 1);  // writability went away with MASK_WRITE
+        CSslX509 peer;
+        EXPECT_EQ(client.stream.GetPeerCert(&peer), 0);
+    }
+    EXPECT_EQ(server.Join(), 2);
+}
+
+TEST_F(SslAsyncStreamTest, RefusedConnectReachesTheUserOnceAsFailure)
+{
+    AsyncClient client;
+    const CSockAddrIPv4 closed("127.0.0.1", FreePort());
+    ASSERT_EQ(client.stream.Connect(closed, nullptr), 0);  // non-blocking: under way
+    ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 5000000), 0);
+    ASSERT_TRUE(client.handed.WaitFor(1, std::chrono::seconds(5)));
+    EXPECT_EQ(client.status.load(), -1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(client.outputs.load(), 1);
+}
+
+TEST_F(SslAsyncStreamTest, SilentServerEndsInTheUsersWriteTimeout)
+{
+    // Accepts TCP and never answers the handshake.
+    CSockAcceptor silent;
+    ASSERT_EQ(silent.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
+    CSockAddrStorage bound;
+    silent.GetLocalAddr(&bound);
+
+    AsyncClient client;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(client.stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+    ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 1000000), 0);
+    ASSERT_TRUE(client.timeouts.WaitFor(1, std::chrono::seconds(5)));
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(1000));
+    EXPECT_LE(waited, std::chrono::milliseconds(2600));
+    EXPECT_EQ(client.outputs.load(), 0);
+    EXPECT_EQ(client.stream.GetConnectStatus(), -2);
+}
+
+TEST_F(SslAsyncStreamTest, UnconnectedStreamsRefuseRegistrationAndTransfers)
+{
+    LogCapture log;
+    AsyncClient client;
+    EXPECT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 0), -1);
+    EXPECT_TRUE(log.Contains("RegisterSock sock fd error, fd: -1"));
+    CSslX509 cert;
+    EXPECT_EQ(client.stream.GetPeerCert(&cert), -1);
+    char buf[4];
+    EXPECT_EQ(client.stream.Recv(buf, sizeof buf), -1);
+}
+
+TEST_F(SslAsyncStreamTest, ManyClientsHandshakeAtOnceWithoutLeaks)
+{
+    constexpr int kClients = 12;
+    const int fds = OpenFds();
+    {
+        ServerThread server(UseServerCert, EchoOnce, kClients);
+        std::vector<std::unique_ptr<AsyncClient>> clients;
+        for (int i = 0; i < kClients; ++i) {
+            clients.push_back(std::make_unique<AsyncClient>("client " + std::to_string(i)));
+            ASSERT_EQ(clients.back()->stream.Connect(server.Address(), nullptr), 0);
+            ASSERT_EQ(clients.back()->probe.RegisterSock(clients.back()->stream, MASK_WRITE, 10000000), 0);
+        }
+        // The blocking server takes them one after another; each echoes once it is served.
+        for (auto& client : clients) {
+            ASSERT_TRUE(client->echoed.WaitFor(1, std::chrono::seconds(20)));
+            EXPECT_EQ(client->Received(), client->message);
+        }
+        clients.clear();
+        EXPECT_EQ(server.Join(), kClients);
+    }
+    EXPECT_TRUE(Qelvar::Test::eventually([&] { return OpenFds() == fds; }, std::chrono::seconds(5)));
+}
+
+}  // namespace
+}  // namespace TlsTest
