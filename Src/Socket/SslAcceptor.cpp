@@ -36,7 +36,11 @@ CSslAcceptor::CSslAcceptor() : CSock(-1, SOCK_TYPE_ACCEPTOR), m_impl(std::make_u
 {
 }
 
-CSslAcceptor::~CSslAcceptor() = default;
+CSslAcceptor::~CSslAcceptor()
+{
+    // The inner acceptor closes the listening socket; this object only shared it.
+    Detach();
+}
 
 int CSslAcceptor::Open(const CSockAddr& local, bool reuse)
 {
