@@ -26,6 +26,7 @@
 
 #if CORVANE_HAVE_TLS
 #include <Corvane/SslAcceptor.h>
+#include <Corvane/SslAsyncAcceptor.h>
 #include <Corvane/SslAsyncStream.h>
 #include <Corvane/SslStream.h>
 #include <Corvane/SslX509.h>
