@@ -40,22 +40,24 @@ CProxyAcceptHandler::CProxyAcceptHandler(CSslAsyncAcceptor* acceptor)
 CProxyAcceptHandler::~CProxyAcceptHandler()
 {
     CVN_LOG(Fundel::LOG_INFO, "this:%p destroy CProxyAcceptHandler\n", static_cast<void*>(this));
+    for (auto& [fd, stream] : m_syntable) delete stream;
+    for (CSslAsyncStream* stream : m_established) delete stream;
     if (m_ctx) SSL_CTX_free(m_ctx);
 }
 
 int CProxyAcceptHandler::Open(const CSockAddr& local, bool reuse)
 {
     static constexpr const char* kFunction = "CSslAsyncAcceptor::Open";
-    void* self = m_acceptor;
+    CSslAsyncAcceptor* self = m_acceptor.load();
     const unsigned int type = local.GetType();
     if (type != SOCKADDR_TYPE_IPV4 && type != SOCKADDR_TYPE_IPV6 && type != SOCKADDR_TYPE_STORAGE) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : invalid local addresst type[%u]!\n", self, kFunction, type);
         return -1;
     }
-    if (m_acceptor->GetHandle() != -1) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : socket fd: %d has opened, close old first\n", self, kFunction,
-                m_acceptor->GetHandle());
-        m_acceptor->Detach();
+    if (self->GetHandle() != -1) {
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : socket fd: %d has opened, close old first\n",
+                static_cast<void*>(self), kFunction, self->GetHandle());
+        self->Detach();
     }
     m_listen.SetBlockOpt(false);
     if (m_listen.Open(local, reuse) != 0) {
@@ -65,11 +67,12 @@ int CProxyAcceptHandler::Open(const CSockAddr& local, bool reuse)
         m_listen.Close();
         return -1;
     }
-    if (m_acceptor->Attach(m_listen.GetHandle()) != 0) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Attach sockfd failed, m_sockfd: %d, sockfd :%d\n", self, kFunction,
-                m_acceptor->GetHandle(), m_listen.GetHandle());
+    if (self->Attach(m_listen.GetHandle()) != 0) {
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Attach sockfd failed, m_sockfd: %d, sockfd :%d\n",
+                static_cast<void*>(self), kFunction, self->GetHandle(), m_listen.GetHandle());
         return -1;
     }
+    m_listen_fd = m_listen.GetHandle();
     CVN_LOG(Fundel::LOG_INFO, "this:%p Open m_hsproxy:%p, fd:%d\n", self, static_cast<void*>(this),
             m_listen.GetHandle());
     return 0;
@@ -125,10 +128,10 @@ void CProxyAcceptHandler::Release()
         table.swap(m_syntable);
         established.swap(m_established);
     }
-    if (m_listen.IsValid()) generalRemoveSock(m_listen);
+    if (m_listen_fd.load() != -1) generalRemoveSock(m_listen);
     for (auto& [fd, stream] : table) drop(stream);
     for (CSslAsyncStream* stream : established) delete stream;
-    m_listen.Close();
+    // The listening socket closes with this handler, once no callback can use it.
     Close();
 }
 
@@ -145,7 +148,7 @@ void CProxyAcceptHandler::pause_listening()
 {
     {
         std::lock_guard<Fundel::CMutex> lock(m_lock);
-        if (m_paused || !m_acceptor) return;
+        if (m_paused || !m_acceptor.load()) return;
         m_paused = true;
     }
     generalUnregisterSock(m_listen, MASK_READ);
@@ -157,7 +160,7 @@ void CProxyAcceptHandler::resume_listening()
 {
     {
         std::lock_guard<Fundel::CMutex> lock(m_lock);
-        if (!m_paused || full() || !m_acceptor) return;
+        if (!m_paused || full() || !m_acceptor.load()) return;
         m_paused = false;
     }
     generalRegisterSock(m_listen, MASK_READ, m_timeout);
@@ -173,7 +176,7 @@ void CProxyAcceptHandler::drop(CSslAsyncStream* stream)
 CSslAsyncStream* CProxyAcceptHandler::init_ssl_session(CSockStream* tcp)
 {
     static constexpr const char* kFunction = "CSslAsyncAcceptor::initSslSession";
-    void* self = m_acceptor;
+    void* self = m_acceptor.load();
     if (!tcp) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s pStream is NULL\n", self, kFunction);
         return nullptr;
@@ -209,7 +212,7 @@ int CProxyAcceptHandler::ssl_accept(CSslAsyncStream* stream)
 {
     SSL* ssl = stream->m_proxy->Io().Ssl();
     if (!ssl) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Accept failed!, ssl :%p\n", static_cast<void*>(m_acceptor),
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Accept failed!, ssl :%p\n", static_cast<void*>(m_acceptor.load()),
                 "CSslAsyncAcceptor::SslAccept", static_cast<void*>(ssl));
         return -1;
     }
@@ -219,12 +222,12 @@ int CProxyAcceptHandler::ssl_accept(CSslAsyncStream* stream)
     if (ret == 1) return 0;
     const int ssl_error = SSL_get_error(ssl, ret);
     if (ssl_error == SSL_ERROR_WANT_READ || ssl_error == SSL_ERROR_WANT_WRITE) {
-        CVN_LOG(Fundel::LOG_INFO, "this:%p Accepting ssl connection!\n", static_cast<void*>(m_acceptor));
+        CVN_LOG(Fundel::LOG_INFO, "this:%p Accepting ssl connection!\n", static_cast<void*>(m_acceptor.load()));
         return -1;
     }
     const int err = Platform::last_error();
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : SSL_accept failed, fd :%d, error:%d, %s, %s\n",
-            static_cast<void*>(m_acceptor), "CSslAsyncAcceptor::SslAccept", stream->GetHandle(), err,
+            static_cast<void*>(m_acceptor.load()), "CSslAsyncAcceptor::SslAccept", stream->GetHandle(), err,
             SErrorText(err).text, SslErrorText().text);
     ERR_clear_error();
     return -2;
@@ -236,7 +239,7 @@ int CProxyAcceptHandler::accept_connections()
         bool is_full;
         {
             std::lock_guard<Fundel::CMutex> lock(m_lock);
-            if (!m_acceptor) return -1;
+            if (!m_acceptor.load()) return -1;
             is_full = full();
             if (is_full) {
                 CVN_LOG(Fundel::LOG_ERROR, "The listening queue is full! m_estable.size :%u, m_syntable.size :%u\n",
@@ -258,14 +261,22 @@ int CProxyAcceptHandler::accept_connections()
             return -1;
         }
         const int fd = stream->GetHandle();
+        bool released;
         {
             std::lock_guard<Fundel::CMutex> lock(m_lock);
-            if (!m_syntable.emplace(fd, stream).second) {
+            // Released while this connection was being accepted: it has no future.
+            released = m_acceptor.load() == nullptr;
+            if (!released && !m_syntable.emplace(fd, stream).second) {
                 CVN_LOG(Fundel::LOG_WARN, "%s : The key value already exists in the syntable!, m_sockfd :%d\n",
                         "CSslAsyncAcceptor::handle_input", fd);
             }
+            // Registered under the lock: a release takes the table and drops it whole.
+            if (!released) generalRegisterSock(*stream, MASK_READ, m_timeout);
         }
-        generalRegisterSock(*stream, MASK_READ, m_timeout);
+        if (released) {
+            delete stream;
+            return -1;
+        }
     }
 }
 
@@ -277,7 +288,7 @@ int CProxyAcceptHandler::handshake_step(int fd)
         auto it = m_syntable.find(fd);
         if (it == m_syntable.end()) {
             CVN_LOG(Fundel::LOG_WARN, "this:%p %s : The key value not exists in the syntable!, m_sockfd :%d\n",
-                    static_cast<void*>(m_acceptor), "CSslAsyncAcceptor::handle_input", fd);
+                    static_cast<void*>(m_acceptor.load()), "CSslAsyncAcceptor::handle_input", fd);
             return -1;
         }
         // Out of the table while it steps, so that other handshakes run in parallel and a
@@ -293,7 +304,7 @@ int CProxyAcceptHandler::handshake_step(int fd)
     {
         std::lock_guard<Fundel::CMutex> lock(m_lock);
         --m_stepping;
-        released = m_acceptor == nullptr;
+        released = m_acceptor.load() == nullptr;
         if (!released && step == -1) {
             m_syntable.emplace(fd, stream);
             return 0;
@@ -312,26 +323,27 @@ int CProxyAcceptHandler::handshake_step(int fd)
 
 void CProxyAcceptHandler::notify_user()
 {
+    if (!m_acceptor.load()) return;  // released: nobody to tell
     CNetHandler* user = find_user(m_user_id);
     if (!user) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p notifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
-                static_cast<void*>(m_acceptor), static_cast<long long>(m_user_id), static_cast<void*>(nullptr));
+                static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id), static_cast<void*>(nullptr));
         return;
     }
-    user->handle_input(m_listen.GetHandle());
+    user->handle_input(m_listen_fd.load());
     user->DecRef();
 }
 
 int CProxyAcceptHandler::handle_input(int handle)
 {
-    if (handle == m_listen.GetHandle()) return accept_connections();
+    if (handle == m_listen_fd.load()) return accept_connections();
     return handshake_step(handle);
 }
 
 int CProxyAcceptHandler::forward(int fd, int (CNetHandler::*callback)(int), const char* listening_line,
                                  const char* connection_line, const char* missing_line)
 {
-    if (fd != m_listen.GetHandle()) {
+    if (fd != m_listen_fd.load()) {
         CVN_LOG(Fundel::LOG_WARN, connection_line, fd);
         CSslAsyncStream* stream = nullptr;
         {
@@ -351,7 +363,7 @@ int CProxyAcceptHandler::forward(int fd, int (CNetHandler::*callback)(int), cons
     CVN_LOG(Fundel::LOG_WARN, listening_line, fd);
     CNetHandler* user = find_user(m_user_id);
     if (!user) {
-        CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_acceptor), static_cast<long long>(m_user_id),
+        CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id),
                 static_cast<void*>(nullptr));
         return -1;
     }

@@ -60,7 +60,7 @@ private:
     int forward(int fd, int (CNetHandler::*callback)(int), const char* listening_line, const char* connection_line,
                 const char* missing_line);
 
-    CSslAsyncAcceptor* m_acceptor;          // null once released
+    std::atomic<CSslAsyncAcceptor*> m_acceptor;  // null once released
     std::atomic<std::int64_t> m_user_id{0};
     std::atomic<int> m_timeout{0};          // the user's registration time-out (µs)
     unsigned int m_backlog = 128;
@@ -69,7 +69,8 @@ private:
     std::deque<CSslAsyncStream*> m_established;
     bool m_paused = false;                  // listening interest withdrawn while full
     int m_stepping = 0;                     // handshakes taken out of the table to step
-    CSockAcceptor m_listen;
+    CSockAcceptor m_listen;                 // closed with this handler, after its last callback
+    std::atomic<int> m_listen_fd{-1};
     SSL_CTX* m_ctx = nullptr;
     SslOptions m_options;
 };
