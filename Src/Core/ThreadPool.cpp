@@ -472,6 +472,12 @@ bool CThreadPool::post_serial(int index, SEvent* record)
     });
 }
 
+CNetHandler* CThreadPool::find_handler(std::int64_t id)
+{
+    SHandlerState* state = id < 0 ? find_object(id) : nullptr;
+    return state ? state->m_owner : nullptr;
+}
+
 SHandlerState* CThreadPool::find_object(std::int64_t id)
 {
     if (id >= 0) return nullptr;

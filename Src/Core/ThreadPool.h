@@ -100,6 +100,9 @@ public:
     /// Looks an object id up in its pool's table and adds a reference to it; null when
     /// there is no such object. The caller drops the reference with DecRef.
     static SHandlerState* find_object(std::int64_t id);
+    /// The handler of object `id` (a negative id), with a reference the caller drops with
+    /// DecRef; null when there is no such object.
+    static CNetHandler* find_handler(std::int64_t id);
     /// Takes a new id from the id pool of pool `index`; 0 when there is no such pool.
     static std::int64_t new_id(int index);
     /// Returns an id to its pool's id pool.

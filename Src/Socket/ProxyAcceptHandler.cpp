@@ -9,7 +9,6 @@
 
 #include <mutex>
 
-#include "Core/HandlerState.h"
 #include "Core/ThreadPool.h"
 #include "Fundel/LogDefs.h"
 #include "Platform/Error.h"
@@ -18,17 +17,6 @@
 #include "Socket/SslError.h"
 
 namespace Qelvar::Corvane {
-
-namespace {
-
-// The user's handler by id, with a reference the caller drops (DecRef); null when gone.
-CNetHandler* find_user(std::int64_t id)
-{
-    SHandlerState* state = id < 0 ? CThreadPool::find_object(id) : nullptr;
-    return state ? state->m_owner : nullptr;
-}
-
-}  // namespace
 
 CProxyAcceptHandler::CProxyAcceptHandler(CSslAsyncAcceptor* acceptor)
     : m_acceptor(acceptor), m_options(acceptor, true, true)
@@ -324,7 +312,7 @@ int CProxyAcceptHandler::handshake_step(int fd)
 void CProxyAcceptHandler::notify_user()
 {
     if (!m_acceptor.load()) return;  // released: nobody to tell
-    CNetHandler* user = find_user(m_user_id);
+    CNetHandler* user = CThreadPool::find_handler(m_user_id);
     if (!user) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p notifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id), static_cast<void*>(nullptr));
@@ -361,7 +349,7 @@ int CProxyAcceptHandler::forward(int fd, int (CNetHandler::*callback)(int), cons
         return -1;
     }
     CVN_LOG(Fundel::LOG_WARN, listening_line, fd);
-    CNetHandler* user = find_user(m_user_id);
+    CNetHandler* user = CThreadPool::find_handler(m_user_id);
     if (!user) {
         CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id),
                 static_cast<void*>(nullptr));

@@ -7,7 +7,6 @@
 
 #include <openssl/err.h>
 
-#include "Core/HandlerState.h"
 #include "Core/NetSock.h"
 #include "Core/ThreadPool.h"
 #include "Fundel/LogDefs.h"
@@ -16,17 +15,6 @@
 #include "Socket/SslError.h"
 
 namespace Qelvar::Corvane {
-
-namespace {
-
-// The user's handler by id, with a reference the caller drops (DecRef); null when gone.
-CNetHandler* find_user(std::int64_t id)
-{
-    SHandlerState* state = id < 0 ? CThreadPool::find_object(id) : nullptr;
-    return state ? state->m_owner : nullptr;
-}
-
-}  // namespace
 
 CProxyHandler::CProxyHandler(CSslAsyncStream* stream)
     : m_stream(stream), m_tcp(new CSockStream()), m_options(stream, false, true), m_io(stream, "CSslAsyncStream"),
@@ -244,7 +232,7 @@ void CProxyHandler::register_notify_user()
 {
     generalRemoveSock(*m_tcp);
     m_handover = HANDED_OVER;
-    CNetHandler* user = find_user(m_user_id);
+    CNetHandler* user = CThreadPool::find_handler(m_user_id);
     if (!user) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p registerNotifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_stream), static_cast<long long>(m_user_id), static_cast<void*>(m_user));
@@ -258,7 +246,7 @@ void CProxyHandler::notify_user(int fd)
 {
     generalRemoveSock(*m_tcp);
     m_handover = HANDED_OVER;
-    CNetHandler* user = find_user(m_user_id);
+    CNetHandler* user = CThreadPool::find_handler(m_user_id);
     if (!user) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p notifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_stream), static_cast<long long>(m_user_id), static_cast<void*>(m_user));
@@ -312,7 +300,7 @@ int CProxyHandler::forward(int fd, int (CNetHandler::*callback)(int), const char
         CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_stream), function, static_cast<void*>(m_tcp));
         return -1;
     }
-    CNetHandler* user = find_user(m_user_id);
+    CNetHandler* user = CThreadPool::find_handler(m_user_id);
     if (!user) return -1;
     const int result = (user->*callback)(fd);
     user->DecRef();

@@ -77,19 +77,26 @@ int CSslIo::map_failure(int ret, const SFailureLines& text, unsigned int len)
     return -1;
 }
 
-int CSslIo::Send(const char* buf, unsigned int len)
+// Checks a transfer's buffer and the connection, logging the refusal as `op` (and its
+// lower-case form `word`, which the argument line uses).
+bool CSslIo::usable(const char* op, const char* word, const void* buf, unsigned int len) const
 {
-    static constexpr const char* kOp = "Send";
     if (!buf || len == 0) {
-        CVN_LOG(Fundel::LOG_ERROR, "this:%p %s : send failed! buf[%p], len[%d], fd[%d]\n", m_owner,
-                SName(m_class, kOp).text, static_cast<const void*>(buf), static_cast<int>(len), m_fd);
-        return -1;
+        CVN_LOG(Fundel::LOG_ERROR, "this:%p %s : %s failed! buf[%p], len[%d], fd[%d]\n", m_owner,
+                SName(m_class, op).text, word, buf, static_cast<int>(len), m_fd);
+        return false;
     }
     if (!m_ssl) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Send failed!, m_ssl:%p, fd:%d\n", m_owner, SName(m_class, kOp).text,
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : %s failed!, m_ssl:%p, fd:%d\n", m_owner, SName(m_class, op).text, op,
                 static_cast<void*>(m_ssl), m_fd);
-        return -1;
+        return false;
     }
+    return true;
+}
+
+int CSslIo::Send(const char* buf, unsigned int len)
+{
+    if (!usable("Send", "send", buf, len)) return -1;
     // A stale "would block" left by an earlier call must not hide this call's failure.
     Platform::set_last_error(0);
     ERR_clear_error();
@@ -100,17 +107,7 @@ int CSslIo::Send(const char* buf, unsigned int len)
 
 int CSslIo::Recv(char* buf, unsigned int len)
 {
-    static constexpr const char* kOp = "Recv";
-    if (!buf || len == 0) {
-        CVN_LOG(Fundel::LOG_ERROR, "this:%p %s : recv failed! buf[%p], len[%d], fd[%d]\n", m_owner,
-                SName(m_class, kOp).text, static_cast<const void*>(buf), static_cast<int>(len), m_fd);
-        return -1;
-    }
-    if (!m_ssl) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Recv failed!, m_ssl:%p, fd:%d\n", m_owner, SName(m_class, kOp).text,
-                static_cast<void*>(m_ssl), m_fd);
-        return -1;
-    }
+    if (!usable("Recv", "recv", buf, len)) return -1;
     Platform::set_last_error(0);
     ERR_clear_error();
     // Peek first: it decrypts at most what the socket has, so the read below takes only

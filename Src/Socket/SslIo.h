@@ -29,6 +29,7 @@ public:
     int Recv_n(char* buf, unsigned int len, int timeout_ms);
 
 private:
+    bool usable(const char* op, const char* word, const void* buf, unsigned int len) const;
     int map_failure(int ret, const SFailureLines& lines, unsigned int len);
 
     const void* m_owner;
