@@ -2,9 +2,13 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "Fundel/LogDefs.h"
 #include "Socket/SslError.h"
@@ -140,6 +144,69 @@ int CSslX509::AddChainFile(const char* path)
 int CSslX509::AddChain(const char* pem, int length)
 {
     return load_certificates(pem, length, nullptr, false, m_chain, "CSslX509::AddChain");
+}
+
+int CSslX509::CreateSelfSigned(const char* common_name, int days)
+{
+    if (!common_name || !*common_name || days <= 0) return -1;
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* cert = X509_new();
+    bool ok = key && cert;
+    if (ok) {
+        // A random serial: two certificates made this way never share one.
+        unsigned char serial[8];
+        BIGNUM* number = BN_bin2bn(serial, RAND_bytes(serial, sizeof serial) == 1 ? sizeof serial : 0, nullptr);
+        ok = number && BN_to_ASN1_INTEGER(number, X509_get_serialNumber(cert)) != nullptr;
+        BN_free(number);
+    }
+    if (ok) {
+        X509_set_version(cert, 2);
+        X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
+        X509_gmtime_adj(X509_getm_notAfter(cert), static_cast<long>(days) * 86400);
+        X509_set_pubkey(cert, key);
+        X509_NAME* name = X509_get_subject_name(cert);
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(common_name),
+                                   -1, -1, 0);
+        X509_set_issuer_name(cert, name);
+        X509V3_CTX ctx;
+        X509V3_set_ctx_nodb(&ctx);
+        X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
+        const std::string san = std::string("DNS:") + common_name;
+        X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, NID_subject_alt_name, san.c_str());
+        ok = ext && X509_add_ext(cert, ext, -1) == 1 && X509_sign(cert, key, EVP_sha256()) > 0;
+        X509_EXTENSION_free(ext);
+    }
+    if (!ok) {
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : cannot make a certificate for %s, error: %s\n",
+                static_cast<void*>(this), "CSslX509::CreateSelfSigned", common_name, SslErrorText().text);
+        ERR_clear_error();
+        X509_free(cert);
+        EVP_PKEY_free(key);
+        return -1;
+    }
+    X509_free(m_cert);
+    EVP_PKEY_free(m_key);
+    m_cert = cert;
+    m_key = key;
+    return 0;
+}
+
+int CSslX509::SaveCertificateFile(const char* path) const
+{
+    if (!m_cert || !path) return -1;
+    BIO* bio = BIO_new_file(path, "w");
+    const bool ok = bio && PEM_write_bio_X509(bio, m_cert) == 1;
+    BIO_free(bio);
+    return ok ? 0 : -1;
+}
+
+int CSslX509::SavePrivateKeyFile(const char* path) const
+{
+    if (!m_key || !path) return -1;
+    BIO* bio = BIO_new_file(path, "w");
+    const bool ok = bio && PEM_write_bio_PrivateKey(bio, m_key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+    BIO_free(bio);
+    return ok ? 0 : -1;
 }
 
 void CSslX509::TakeCertificate(x509_st* cert)

@@ -1,14 +1,20 @@
 // The Corvane demo: a public and a private thread pool, handlers that play ping-pong by
 // object id across the pools, serial messages, periodic timers, the reactor's echo
-// server driven by clients over loopback, and a clean shutdown in which every handler is
-// released. It prints what happened and how fast.
+// server driven by clients over loopback, a TLS echo whose second connection resumes
+// the first one's session, and a clean shutdown in which every handler is released. It
+// prints what happened and how fast.
 //
 //   corvane_demo [--seconds S] [--pairs N] [--timers T] [--clients C]
 #include <Corvane/Corvane.h>
 
 #include "../echo_server/EchoServer.h"
+#if CORVANE_HAVE_TLS
+#include "../tls_echo/TlsEcho.h"
+#endif
 
 #include <algorithm>
+#include <filesystem>
+#include <string>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -239,6 +245,39 @@ bool echo_round_trips(int clients, double seconds)
     return !failed && !rtts.empty();
 }
 
+// Two TLS connections to the reactor-driven TLS echo server, each checking its round
+// trips; the second offers the session of the first.
+bool tls_round_trips()
+{
+#if CORVANE_HAVE_TLS
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const fs::path dir = fs::temp_directory_path(ec) / ("corvane-demo-cert-" + std::to_string(Clock::now().time_since_epoch().count()));
+    if (!TlsEcho::EnsureCertificate(dir.string())) {
+        std::printf("  TLS echo: no certificate could be made in %s\n", dir.string().c_str());
+        return false;
+    }
+    auto* server = new TlsEcho::CTlsEchoServer(0);
+    bool ok = server->Start(CSockAddrIPv4("127.0.0.1", 0), dir.string()) == 0;
+    const CSockAddrIPv4 at("127.0.0.1", ok ? server->Port() : 0);
+    unsigned int session = 0;
+    TlsEcho::SClientResult first, second;
+    if (ok) first = (new TlsEcho::CTlsEchoClient(0, 200, 64))->Start(at, &session).get();
+    if (ok && first.ok) second = (new TlsEcho::CTlsEchoClient(0, 200, 64))->Start(at, &session).get();
+    server->Stop();
+    fs::remove_all(dir, ec);
+    ok = ok && first.ok && second.ok && !first.resumed && second.resumed;
+    std::printf("  TLS echo: 2 connections x %d round trips of 64 bytes checked (%.0f and %.0f round trips/s); "
+                "second connection resumed the first one's session: %s\n",
+                first.round_trips, first.round_trips / std::max(first.seconds, 1e-9),
+                second.round_trips / std::max(second.seconds, 1e-9), second.resumed ? "yes" : "no");
+    return ok;
+#else
+    std::printf("  TLS echo: not in this build (no OpenSSL)\n");
+    return true;
+#endif
+}
+
 bool parse(int argc, char** argv, Settings& s)
 {
     for (int i = 1; i < argc; ++i) {
@@ -345,6 +384,7 @@ int main(int argc, char** argv)
     }
 
     const bool tcp_ok = echo_round_trips(settings.clients, settings.seconds);
+    const bool tls_ok = tls_round_trips();
 
     // Clean shutdown: every handler is closed and released before the pools go.
     for (auto* p : players) p->Close();
@@ -358,7 +398,7 @@ int main(int argc, char** argv)
     std::printf("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
                 destroyed == 0 ? "ok" : "failed");
     const bool ok =
-        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok;
+        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok && tls_ok;
     std::printf("%s\n", ok ? "clean shutdown" : "shutdown FAILED");
     return ok ? 0 : 1;
 }

@@ -47,6 +47,14 @@ public:
     int AddChainFile(const char* path);
     int AddChain(const char* pem, int length);
 
+    /// Makes a new P-256 key and a certificate for it, signed by itself, naming
+    /// `common_name` (also as its DNS name) and valid for `days` from now; replaces the
+    /// certificate and key held. For tests and first runs, not for production trust.
+    int CreateSelfSigned(const char* common_name, int days);
+    /// Writes the certificate, or the private key (unencrypted), as PEM to `path`.
+    int SaveCertificateFile(const char* path) const;
+    int SavePrivateKeyFile(const char* path) const;
+
     /// Takes over `cert` and the one reference the caller held (a peer's certificate);
     /// the previous certificate is released.
     void TakeCertificate(x509_st* cert);
