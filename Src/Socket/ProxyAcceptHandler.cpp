@@ -181,6 +181,9 @@ CSslAsyncStream* CProxyAcceptHandler::init_ssl_session(CSockStream* tcp)
         return nullptr;
     }
     tcp->SetBlockOpt(false);
+    // TLS writes whole records (a handshake flight, session tickets, a reply) that must
+    // not wait for the peer's acknowledgement of the previous one.
+    tcp->SetSockNoDelay(true);
     SSL* ssl = m_options.NewConnection(m_ctx, tcp->GetHandle(), kFunction);
     if (!ssl) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Accept failed!, m_ssl :%p\n", self, kFunction, static_cast<void*>(ssl));

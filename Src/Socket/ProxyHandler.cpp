@@ -62,6 +62,8 @@ int CProxyHandler::Connect(const CSockAddr& remote, CSockAddr* local)
     }
     m_status = -2;
     m_handle = m_tcp->GetHandle();
+    // TLS writes whole records that must not wait for the acknowledgement of the last.
+    m_tcp->SetSockNoDelay(true);
     if (m_stream->Attach(m_handle) != 0) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Attach sockfd failed, m_sockfd: %d, sockfd :%d\n",
                 static_cast<void*>(m_stream), kFunction, m_stream->GetHandle(), m_handle);

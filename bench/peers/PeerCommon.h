@@ -26,11 +26,12 @@ struct Options {
     int port = 0;
     int threads = 1;
     std::string bind = "127.0.0.1";
+    std::string cert_dir;  ///< TLS peers: cacert.pem and privkey.pem
 };
 
 [[noreturn]] inline void Usage(const char* program)
 {
-    std::fprintf(stderr, "usage: %s --port P [--threads N] [--bind ADDR]\n", program);
+    std::fprintf(stderr, "usage: %s --port P [--threads N] [--bind ADDR] [--cert-dir DIR]\n", program);
     std::exit(2);
 }
 
@@ -51,6 +52,8 @@ inline Options ParseOptions(int argc, char** argv)
             options.threads = std::atoi(value);
         } else if (arg == "--bind") {
             options.bind = value;
+        } else if (arg == "--cert-dir") {
+            options.cert_dir = value;
         } else {
             Usage(argv[0]);
         }

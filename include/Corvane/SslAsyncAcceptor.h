@@ -23,6 +23,8 @@ class CSslAsyncStream;
 /// connections wait in handshake or for Accept; beyond that new connections stay in the
 /// kernel's queue until Accept makes room.
 ///
+/// Accepted connections have Nagle's algorithm off (TCP_NODELAY): TLS writes whole records.
+///
 /// A server needs a certificate, as CSslAcceptor; options are those of CSslAcceptor.
 /// Needs the public thread pool: the internal handler lives there.
 class CORVANE_API CSslAsyncAcceptor : public CSock {

@@ -24,6 +24,8 @@ class CSslX509;
 /// CSslStream. TLS may hold decrypted bytes that the socket no longer shows as readable:
 /// in handle_input, call Recv until it returns 0.
 ///
+/// The TCP socket has Nagle's algorithm off (TCP_NODELAY): TLS writes whole records.
+///
 /// Options are those of CSslStream (the handshake time-out of option 4 does not apply:
 /// your registration time-out bounds the handshake). Needs the public thread pool: the
 /// internal handler lives there. Results are 0 or -1 unless stated; without its internal
