@@ -3,7 +3,8 @@
 # step that installs the missing ones with apt.
 # shellcheck disable=SC2034 # the lists are used by the scripts that source this file
 
-# Native build, the test suites and the benchmarks. googletest is the source tree
+# Native build, the test suites and the benchmarks: OpenSSL 3 for TLS and the openssl
+# command its tests talk to; googletest is the source tree
 # under /usr/src/googletest that the Windows cross build compiles.
 CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl
                        libgtest-dev libgmock-dev googletest libbenchmark-dev)

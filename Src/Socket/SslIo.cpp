@@ -231,8 +231,9 @@ int CSslIo::Recv_n(char* buf, unsigned int len, int timeout_ms)
     for (;;) {
         const long long elapsed = Fundel::CTime::getCurrentMicroSecond() - start;
         if (elapsed >= limit_us) return 0;
-        // Bytes TLS has decrypted already are not on the socket any more: no wait then.
-        if (!m_ssl || SSL_pending(m_ssl) <= 0) {
+        // Bytes TLS holds already (decrypted, or read ahead) are not on the socket any
+        // more: no wait then.
+        if (!m_ssl || !SSL_has_pending(m_ssl)) {
             unsigned int ready = 0;
             const int w = Platform::sock_wait(m_fd, Platform::SOCK_READABLE, limit_us - elapsed, &ready);
             if (w < 0) {
