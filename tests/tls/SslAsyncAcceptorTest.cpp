@@ -2,6 +2,8 @@
 // the backlog, and connections that fail or time out before the user sees them.
 #include "TlsSupport.h"
 
+#include <openssl/ssl.h>
+
 #include <mutex>
 #include <vector>
 
@@ -242,6 +244,40 @@ TEST_F(SslAsyncAcceptorTest, DestroyingTheAcceptorFreesQueuedConnections)
         CSockStream silent;  // one in handshake as well
         silent.SetBlockOpt(true);
         ASSERT_EQ(silent.Connect(server.Address(), nullptr), 0);
+    }
+    EXPECT_TRUE(Qelvar::Test::eventually([&] { return OpenFds() == fds; }, std::chrono::seconds(5)));
+}
+
+TEST_F(SslAsyncAcceptorTest, ClientResetMidTransferIsDroppedCleanly)
+{
+    const int fds = OpenFds();
+    {
+        AsyncServer server;
+        ASSERT_TRUE(server.ok);
+        // A client on OpenSSL alone: after the handshake and half a message it resets
+        // the connection, with no TLS close at all.
+        SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(server.port);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        SSL* ssl = SSL_new(ctx);
+        SSL_set_fd(ssl, fd);
+        ASSERT_EQ(SSL_connect(ssl), 1);
+        ASSERT_TRUE(server.accepted.WaitFor(1, std::chrono::seconds(5)));
+        ASSERT_EQ(SSL_write(ssl, "half a mess", 11), 11);
+        const linger reset{1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        ::close(fd);
+        SSL_free(ssl);
+        SSL_CTX_free(ctx);
+
+        // The server goes on serving others.
+        CSslStream next;
+        ASSERT_EQ(next.Connect(server.Address(), nullptr), 0);
+        EXPECT_EQ(RoundTrip(next, "still serving"), "still serving");
     }
     EXPECT_TRUE(Qelvar::Test::eventually([&] { return OpenFds() == fds; }, std::chrono::seconds(5)));
 }

@@ -166,5 +166,84 @@ TEST_F(SslAsyncStreamTest, ManyClientsHandshakeAtOnceWithoutLeaks)
     EXPECT_TRUE(Qelvar::Test::eventually([&] { return OpenFds() == fds; }, std::chrono::seconds(5)));
 }
 
+TEST_F(SslAsyncStreamTest, PeerResetDuringTheHandshakeReachesTheUserAsFailure)
+{
+    // A TCP server that reads the client's hello and answers with a reset.
+    CSockAcceptor plain;
+    ASSERT_EQ(plain.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
+    plain.SetBlockOpt(true);
+    CSockAddrStorage bound;
+    plain.GetLocalAddr(&bound);
+    std::thread peer([&] {
+        CSockStream conn;
+        if (plain.Accept(conn, nullptr) != 0) return;
+        conn.SetBlockOpt(true);
+        char buf[512];
+        conn.Recv_n(buf, sizeof buf, 2000000);
+        const linger reset{1, 0};
+        ::setsockopt(conn.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    });
+    const int fds = OpenFds();
+    {
+        AsyncClient client;
+        int exceptions = 0;
+        client.probe.on_exception = [&](int) {
+            ++exceptions;
+            client.handed.Add();
+            return -1;
+        };
+        ASSERT_EQ(client.stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+        ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 5000000), 0);
+        ASSERT_TRUE(client.handed.WaitFor(1, std::chrono::seconds(5)));
+        // Either the failed handshake is handed over, or the reset comes as an exception.
+        EXPECT_TRUE(client.status.load() == -1 || exceptions == 1);
+        EXPECT_NE(client.stream.GetConnectStatus(), 0);
+    }
+    peer.join();
+    EXPECT_TRUE(Qelvar::Test::eventually([&] { return OpenFds() <= fds; }, std::chrono::seconds(5)));
+}
+
+TEST_F(SslAsyncStreamTest, HandlerClosedDuringTheHandshakeIsSkipped)
+{
+    // The server takes the TCP connection at once but runs the handshake only when told.
+    CSockAcceptor plain;
+    ASSERT_EQ(plain.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
+    plain.SetBlockOpt(true);
+    CSockAddrStorage bound;
+    plain.GetLocalAddr(&bound);
+    Signal go, served;
+    std::thread server([&] {
+        auto* conn = new CSockStream();
+        if (plain.Accept(*conn, nullptr) != 0) {
+            delete conn;
+            return;
+        }
+        go.WaitFor(1);
+        CSslAcceptor tls;
+        UseServerCert(tls);
+        CSslStream out;
+        if (tls.Accept(out, conn) == 0) served.Add();
+    });
+
+    LogCapture log;
+    CSslAsyncStream stream;
+    std::atomic<int> calls{0};
+    Signal released;
+    auto* user = new Probe(0, &released, true);
+    user->on_output = user->on_exception = user->on_output_timeout = [&](int) {
+        calls.fetch_add(1);
+        return -1;
+    };
+    ASSERT_EQ(stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+    ASSERT_EQ(user->RegisterSock(stream, MASK_WRITE, 5000000), 0);
+    user->Close();
+    ASSERT_TRUE(released.WaitFor(1, std::chrono::seconds(5)));
+    go.Add();
+    ASSERT_TRUE(served.WaitFor(1, std::chrono::seconds(5)));
+    EXPECT_TRUE(log.WaitFor("registerNotifyUser obj_id", std::chrono::seconds(5)));
+    EXPECT_EQ(calls.load(), 0);
+    server.join();
+}
+
 }  // namespace
 }  // namespace TlsTest
