@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Fundel/LogDefs.h"
+#include "Platform/File.h"
 #include "Socket/SslError.h"
 
 namespace Qelvar::Corvane {
@@ -203,7 +204,9 @@ int CSslX509::SaveCertificateFile(const char* path) const
 int CSslX509::SavePrivateKeyFile(const char* path) const
 {
     if (!m_key || !path) return -1;
-    BIO* bio = BIO_new_file(path, "w");
+    std::FILE* file = Platform::open_private_file(path);
+    BIO* bio = file ? BIO_new_fp(file, BIO_CLOSE) : nullptr;
+    if (file && !bio) std::fclose(file);
     const bool ok = bio && PEM_write_bio_PrivateKey(bio, m_key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
     BIO_free(bio);
     return ok ? 0 : -1;

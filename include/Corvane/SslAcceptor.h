@@ -49,17 +49,19 @@ public:
     /// As above into a new stream the caller deletes; null on failure.
     CSslStream* Accept(CSockAddr* remote);
 
+    /// The directory holding the server's cacert.pem (certificate chain) and privkey.pem.
     int SetPemPath(const char* dir);
-    /// Both members must be set.
+    /// The chain and key files by full path; both members must be set.
     int SetFullPemPath(const PathList& paths);
+    /// Options as on CSslStream, with the differences in the class comment.
     int SetOption(int option, int type, void* value);
     int SetOption(int option, int type, void* value, int length);
 
+    /// Socket options of the listening socket, as on CSockAcceptor.
     int SetSockRecvBuf(unsigned int bytes);
     int GetSockRecvBuf();
     int SetSockSendBuf(unsigned int bytes);
     int GetSockSendBuf();
-    /// Close-on-exec of the listening socket.
     int SetSockCLOEXEC(bool on);
 
 private:

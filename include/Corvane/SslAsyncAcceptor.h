@@ -42,14 +42,17 @@ public:
     CSslAsyncStream* Accept(CSockAddr* remote);
     /// Connections that may wait in handshake or for Accept together.
     int SetBacklog(unsigned int backlog);
+    /// The directory holding the server's cacert.pem (certificate chain) and privkey.pem.
     int SetPemPath(const char* dir);
     /// Asks every client for a certificate: with a certificate object (option 1) it is
     /// verified against the object's trusted CAs; with certificate files it is only
     /// required.
     int SetCertVerityPeer(bool verify);
+    /// Options as on CSslAcceptor; they apply from the first connection on.
     int SetOption(int option, int type, void* value);
     int SetOption(int option, int type, void* value, int length);
 
+    /// Socket options of the listening socket, as on CSockAcceptor.
     int SetSockRecvBuf(unsigned int bytes);
     int GetSockRecvBuf();
     int SetSockSendBuf(unsigned int bytes);

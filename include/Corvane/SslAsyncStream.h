@@ -43,22 +43,28 @@ public:
     /// -2 connecting, 0 connected (handshake done), -1 failed.
     int GetConnectStatus();
 
+    /// Transfers after the hand-over, with the results of CSslStream's: a byte count,
+    /// 0 when nothing can be done now, -1 on failure or a closed peer.
     int Send(const char* buf, unsigned int len);
     int Recv(char* buf, unsigned int len);
     int Peek();
     int WriteV(const iovec* vec, int count);
+    /// The bounded waits of CSslStream; they block the calling thread.
     int Send_n(const char* buf, unsigned int len, int timeout_ms);
     int Recv_n(char* buf, unsigned int len, int timeout_ms);
 
+    /// Options as on CSslStream; they apply to the next Connect.
     int SetOption(int option, int type, void* value);
     int SetOption(int option, int type, void* value, int length);
     int GetOption(int option, int& type, void* value, int& length);
+    /// The directory holding cacert.pem and privkey.pem to present (client certificate).
     int SetPemPath(const char* dir);
     /// 0, -1 without a connection or `cert`, -2 when the peer sent no certificate.
     int GetPeerCert(CSslX509* cert);
     /// 1 when the handshake resumed a cached session, else 0.
     int IsSessionReused();
 
+    /// Socket options of the underlying TCP socket, as on CSockStream.
     int SetSockRecvBuf(unsigned int bytes);
     int GetSockRecvBuf();
     int SetSockSendBuf(unsigned int bytes);

@@ -50,6 +50,7 @@ public:
     /// left open and still the caller's.
     int Connect(CSockStream* stream);
 
+    /// One TLS write of up to `len` bytes (a part may be taken: send the rest later).
     int Send(const char* buf, unsigned int len);
     /// Reads only what TLS has already decrypted or can decrypt without blocking.
     int Recv(char* buf, unsigned int len);
@@ -70,8 +71,8 @@ public:
     /// As above; text and buffer values are `length` bytes.
     int SetOption(int option, int type, void* value, int length);
     /// Option 0: `type` = the session flags and, with bit 2, `*(unsigned int*)value` =
-    /// the session id. Other options: their type and value as set. 0, -1 for an
-    /// unknown option.
+    /// the session id. Option 4: the kind in `type`, the milliseconds in `*(int*)value`.
+    /// Options 1-3: their type only. 0, or -1 for another option.
     int GetOption(int option, int& type, void* value, int& length);
     /// The directory holding cacert.pem and privkey.pem to present (client certificate).
     int SetPemPath(const char* dir);
@@ -81,6 +82,8 @@ public:
     /// 1 when the last handshake resumed a cached session, else 0.
     int IsSessionReused() const;
 
+    /// Socket options of the underlying TCP socket, as on CSockStream: the receive and
+    /// send buffer sizes (the getters return the size or -1) and close-on-exec.
     int SetSockRecvBuf(unsigned int bytes);
     int GetSockRecvBuf();
     int SetSockSendBuf(unsigned int bytes);

@@ -51,7 +51,8 @@ public:
     /// `common_name` (also as its DNS name) and valid for `days` from now; replaces the
     /// certificate and key held. For tests and first runs, not for production trust.
     int CreateSelfSigned(const char* common_name, int days);
-    /// Writes the certificate, or the private key (unencrypted), as PEM to `path`.
+    /// Writes the certificate, or the private key (unencrypted; on Linux the file is
+    /// readable by its owner only), as PEM to `path`.
     int SaveCertificateFile(const char* path) const;
     int SavePrivateKeyFile(const char* path) const;
 

@@ -4,6 +4,8 @@
 
 #include <openssl/ssl.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 #include "Socket/SslOptions.h"
@@ -192,6 +194,39 @@ TEST_F(SslSetupTest, AcceptorOpenRules)
     CSslStream out;
     EXPECT_EQ(acceptor.Accept(out, static_cast<CSockStream*>(nullptr)), -1);
     EXPECT_TRUE(log.Contains("stream is NULL"));
+}
+
+TEST_F(SslSetupTest, SelfSignedIdentityRoundTripsThroughFilesAndServes)
+{
+    const std::string dir = TestPki::Dir() + "/made";
+    std::filesystem::create_directories(dir);
+    {
+        CSslX509 made;
+        EXPECT_EQ(made.CreateSelfSigned("", 1), -1);
+        ASSERT_EQ(made.CreateSelfSigned("localhost", 30), 0);
+        ASSERT_EQ(made.SaveCertificateFile((dir + "/cacert.pem").c_str()), 0);
+        ASSERT_EQ(made.SavePrivateKeyFile((dir + "/privkey.pem").c_str()), 0);
+    }
+    struct stat key_file{};
+    ASSERT_EQ(::stat((dir + "/privkey.pem").c_str(), &key_file), 0);
+    EXPECT_EQ(key_file.st_mode & 0777, 0600u);  // a private key is the owner's alone
+
+    CSslX509 loaded;
+    ASSERT_EQ(loaded.LoadCertificateFile((dir + "/cacert.pem").c_str()), 0);
+    ASSERT_EQ(loaded.LoadPrivateKeyFile((dir + "/privkey.pem").c_str()), 0);
+    char subject[128];
+    ASSERT_GT(loaded.GetSubject(subject, sizeof subject), 0);
+    EXPECT_STREQ(subject, "CN = localhost");
+    EXPECT_EQ(loaded.LoadCertificate("not PEM", 7), -1);
+
+    // A server on those files, and a client that trusts exactly that certificate.
+    ServerThread server([&](CSslAcceptor& a) { a.SetPemPath(dir.c_str()); }, EchoOnce);
+    CSslStream client;
+    auto* trust = new CSslX509();
+    ASSERT_EQ(trust->AddTrustedCAFile((dir + "/cacert.pem").c_str()), 0);
+    client.SetOption(1, 1, trust);
+    ASSERT_EQ(client.Connect(server.Address(), nullptr), 0);
+    EXPECT_EQ(RoundTrip(client, "self-made"), "self-made");
 }
 
 }  // namespace
