@@ -326,55 +326,51 @@ int CNetSock::CheckSock(CNetHandler* owner, CSock& sock)
 // longer exists.
 long long CNetSock::handle_net(std::int64_t obj_id, int fd, std::uint16_t revents)
 {
-    SHandlerState* state = CThreadPool::find_object(obj_id);
-    if (!state) {
+    long long result = -1;
+    const bool found = CThreadPool::with_handler(obj_id, [&](CNetHandler& owner) {
+        CVN_SOCK_TRACE(fd, obj_id,
+                       "<Corvane Debug>CNetSock::handle_net obj:%p, obj_id:%lld, obj_type:%s handle sock event begin "
+                       "at %llu us, fd:%lld, revents:%d.\n",
+                       static_cast<void*>(&owner), static_cast<long long>(obj_id), class_of(&owner).c_str(),
+                       static_cast<unsigned long long>(Fundel::CTime::getCurrentMicroSecond()),
+                       static_cast<long long>(fd), static_cast<int>(revents));
+        CCurrentObject::Set(&owner, obj_id);
+        if (revents & QV_POLLERR) {
+            result = owner.handle_exception(fd);
+        } else {
+            if (revents & QV_POLLIN) result = owner.handle_input(fd);
+            if (revents & QV_POLLOUT) result = owner.handle_output(fd);
+        }
+        CCurrentObject::Clear();
+    });
+    if (!found) {
         CVN_SOCK_TRACE(fd, obj_id,
                        "<Corvane Debug>CNetSock::handle_net obj_id:%lld, handle sock net event: not found obj.\n",
                        static_cast<long long>(obj_id));
-        return -1;
     }
-    CNetHandler* owner = state->m_owner;
-    CVN_SOCK_TRACE(fd, obj_id,
-                   "<Corvane Debug>CNetSock::handle_net obj:%p, obj_id:%lld, obj_type:%s handle sock event begin at "
-                   "%llu us, fd:%lld, revents:%d.\n",
-                   static_cast<void*>(owner), static_cast<long long>(obj_id), class_of(owner).c_str(),
-                   static_cast<unsigned long long>(Fundel::CTime::getCurrentMicroSecond()), static_cast<long long>(fd),
-                   static_cast<int>(revents));
-    long long result = -1;
-    CCurrentObject::Set(owner, obj_id);
-    if (revents & QV_POLLERR) {
-        result = owner->handle_exception(fd);
-    } else {
-        if (revents & QV_POLLIN) result = owner->handle_input(fd);
-        if (revents & QV_POLLOUT) result = owner->handle_output(fd);
-    }
-    CCurrentObject::Clear();
-    owner->DecRef();
     return result;
 }
 
 // Runs the owner's time-out callback of one event; -1 when the owner no longer exists.
 long long CNetSock::handle_timeout(std::int64_t obj_id, int fd, std::uint16_t revents)
 {
-    SHandlerState* state = CThreadPool::find_object(obj_id);
-    if (!state) {
+    long long result = -1;
+    const bool found = CThreadPool::with_handler(obj_id, [&](CNetHandler& owner) {
+        CVN_SOCK_TRACE(fd, obj_id,
+                       "<Corvane Debug>CNetSock::handle_timeout obj:%p, obj_id:%lld, obj_type:%s handle sock timeout "
+                       "begin at %llu us, fd:%lld, revents:%d.\n",
+                       static_cast<void*>(&owner), static_cast<long long>(obj_id), class_of(&owner).c_str(),
+                       static_cast<unsigned long long>(Fundel::CTime::getCurrentMicroSecond()),
+                       static_cast<long long>(fd), static_cast<int>(revents));
+        CCurrentObject::Set(&owner, obj_id);
+        result = (revents & QV_POLLIN_TIMEOUT) ? owner.handle_input_timeout(fd) : owner.handle_output_timeout(fd);
+        CCurrentObject::Clear();
+    });
+    if (!found) {
         CVN_SOCK_TRACE(fd, obj_id,
                        "<Corvane Debug>CNetSock::handle_timeout obj_id:%lld, handle sock timeout: not found obj.\n",
                        static_cast<long long>(obj_id));
-        return -1;
     }
-    CNetHandler* owner = state->m_owner;
-    CVN_SOCK_TRACE(fd, obj_id,
-                   "<Corvane Debug>CNetSock::handle_timeout obj:%p, obj_id:%lld, obj_type:%s handle sock timeout "
-                   "begin at %llu us, fd:%lld, revents:%d.\n",
-                   static_cast<void*>(owner), static_cast<long long>(obj_id), class_of(owner).c_str(),
-                   static_cast<unsigned long long>(Fundel::CTime::getCurrentMicroSecond()), static_cast<long long>(fd),
-                   static_cast<int>(revents));
-    CCurrentObject::Set(owner, obj_id);
-    const long long result =
-        (revents & QV_POLLIN_TIMEOUT) ? owner->handle_input_timeout(fd) : owner->handle_output_timeout(fd);
-    CCurrentObject::Clear();
-    owner->DecRef();
     return result;
 }
 

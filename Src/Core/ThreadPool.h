@@ -3,6 +3,8 @@
 // The process-wide pool table (64 entries) and its per-index guards live here too.
 #pragma once
 
+#include <Corvane/NetHandler.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -103,6 +105,17 @@ public:
     /// The handler of object `id` (a negative id), with a reference the caller drops with
     /// DecRef; null when there is no such object.
     static CNetHandler* find_handler(std::int64_t id);
+    /// Runs `call(handler)` with a reference to the handler of `id` held across the call;
+    /// false, calling nothing, when there is no such object.
+    template <class F>
+    static bool with_handler(std::int64_t id, F&& call)
+    {
+        CNetHandler* handler = find_handler(id);
+        if (!handler) return false;
+        call(*handler);
+        handler->DecRef();
+        return true;
+    }
     /// Takes a new id from the id pool of pool `index`; 0 when there is no such pool.
     static std::int64_t new_id(int index);
     /// Returns an id to its pool's id pool.

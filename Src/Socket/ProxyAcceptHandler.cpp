@@ -315,14 +315,11 @@ int CProxyAcceptHandler::handshake_step(int fd)
 void CProxyAcceptHandler::notify_user()
 {
     if (!m_acceptor.load()) return;  // released: nobody to tell
-    CNetHandler* user = CThreadPool::find_handler(m_user_id);
-    if (!user) {
+    const int listening = m_listen_fd.load();
+    if (!CThreadPool::with_handler(m_user_id, [listening](CNetHandler& user) { user.handle_input(listening); })) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p notifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id), static_cast<void*>(nullptr));
-        return;
     }
-    user->handle_input(m_listen_fd.load());
-    user->DecRef();
 }
 
 int CProxyAcceptHandler::handle_input(int handle)
@@ -352,14 +349,11 @@ int CProxyAcceptHandler::forward(int fd, int (CNetHandler::*callback)(int), cons
         return -1;
     }
     CVN_LOG(Fundel::LOG_WARN, listening_line, fd);
-    CNetHandler* user = CThreadPool::find_handler(m_user_id);
-    if (!user) {
+    int result = -1;
+    if (!CThreadPool::with_handler(m_user_id, [&](CNetHandler& user) { result = (user.*callback)(fd); })) {
         CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_acceptor.load()), static_cast<long long>(m_user_id),
                 static_cast<void*>(nullptr));
-        return -1;
     }
-    const int result = (user->*callback)(fd);
-    user->DecRef();
     return result;
 }
 

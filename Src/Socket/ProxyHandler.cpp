@@ -188,9 +188,7 @@ int CProxyHandler::handshake_step()
     CVN_LOG(Fundel::LOG_WARN, "this:%p ERR_error_string: %s\n", static_cast<void*>(m_stream), SslErrorText().text);
     ERR_clear_error();
     m_options.SetHandshakeLimits(m_handle, 0, "CSslAsyncStream::handshake");
-    SSL_free(ssl);
-    m_io.Bind(nullptr, -1);
-    free_connection();
+    free_connection();  // no TLS shutdown: the status is not "connected"
     m_status = -1;
     return -1;
 }
@@ -234,28 +232,22 @@ void CProxyHandler::register_notify_user()
 {
     generalRemoveSock(*m_tcp);
     m_handover = HANDED_OVER;
-    CNetHandler* user = CThreadPool::find_handler(m_user_id);
-    if (!user) {
+    const bool found = CThreadPool::with_handler(
+        m_user_id, [&](CNetHandler& user) { CNetSock::RegisterSock(&user, *m_stream, MASK_WRITE, m_timeout); });
+    if (!found) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p registerNotifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_stream), static_cast<long long>(m_user_id), static_cast<void*>(m_user));
-        return;
     }
-    CNetSock::RegisterSock(user, *m_stream, MASK_WRITE, m_timeout);
-    user->DecRef();
 }
 
 void CProxyHandler::notify_user(int fd)
 {
     generalRemoveSock(*m_tcp);
     m_handover = HANDED_OVER;
-    CNetHandler* user = CThreadPool::find_handler(m_user_id);
-    if (!user) {
+    if (!CThreadPool::with_handler(m_user_id, [fd](CNetHandler& user) { user.handle_output(fd); })) {
         CVN_LOG(Fundel::LOG_ERROR, "this:%p notifyUser obj_id:%lld, handle sock net event not found obj: %p\n",
                 static_cast<void*>(m_stream), static_cast<long long>(m_user_id), static_cast<void*>(m_user));
-        return;
     }
-    user->handle_output(fd);
-    user->DecRef();
 }
 
 int CProxyHandler::handle_output(int handle)
@@ -302,10 +294,8 @@ int CProxyHandler::forward(int fd, int (CNetHandler::*callback)(int), const char
         CVN_LOG(Fundel::LOG_ERROR, missing_line, static_cast<void*>(m_stream), function, static_cast<void*>(m_tcp));
         return -1;
     }
-    CNetHandler* user = CThreadPool::find_handler(m_user_id);
-    if (!user) return -1;
-    const int result = (user->*callback)(fd);
-    user->DecRef();
+    int result = -1;  // also when the user's handler is gone
+    CThreadPool::with_handler(m_user_id, [&](CNetHandler& user) { result = (user.*callback)(fd); });
     return result;
 }
 

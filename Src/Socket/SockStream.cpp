@@ -25,6 +25,22 @@ int pending_error(int fd)
     return err;
 }
 
+// What one receive returned: the byte count when positive, 0 for "nothing now", -1 for
+// a closed or reset peer (the thread's error then says connection reset, and nothing
+// is logged), or -2 for another failure, with its error in `*err` for the caller's line.
+long receive_outcome(long n, int* err)
+{
+    if (n > 0) return n;
+    if (n == 0) {
+        // The peer's orderly close reads as a reset: the caller sees one failure kind.
+        Platform::set_last_error(Platform::err_connection_reset());
+        return -1;
+    }
+    *err = Platform::last_error();
+    if (try_later(*err)) return 0;
+    return Platform::is_connection_reset(*err) ? -1 : -2;
+}
+
 int system_family(unsigned int family)
 {
     return family == SOCKADDR_TYPE_IPV4 ? AF_INET : AF_INET6;
@@ -269,16 +285,9 @@ int CSockStream::Recv(char* buf, unsigned int len)
                 "CSockStream::Recv", static_cast<const void*>(buf), static_cast<int>(len), m_sockfd);
         return -1;
     }
-    const long n = Platform::sock_recv(m_sockfd, buf, len);
-    if (n > 0) return static_cast<int>(n);
-    if (n == 0) {
-        // The peer's orderly close reads as a reset: the caller sees one failure kind.
-        Platform::set_last_error(Platform::err_connection_reset());
-        return -1;
-    }
-    const int err = Platform::last_error();
-    if (try_later(err)) return 0;
-    if (Platform::is_connection_reset(err)) return -1;
+    int err = 0;
+    const long n = receive_outcome(Platform::sock_recv(m_sockfd, buf, len), &err);
+    if (n != -2) return static_cast<int>(n);
     CVN_LOG(Fundel::LOG_WARN, "this:%p %s : recv failed, buf[%p], len[%u], fd[%d], error:%d, %s\n",
             static_cast<void*>(this), "CSockStream::Recv", static_cast<const void*>(buf), len, m_sockfd, err,
             SErrorText(err).text);
@@ -355,15 +364,10 @@ int CSockStream::Recv_n(char* buf, unsigned int len, int timeout_us)
             return -1;
         }
         if (!(ready & Platform::SOCK_READABLE)) return -1;
-        const long n = Platform::sock_recv(m_sockfd, buf, len);
-        if (n > 0) return static_cast<int>(n);
-        if (n == 0) {
-            Platform::set_last_error(Platform::err_connection_reset());
-            return -1;
-        }
-        const int err = Platform::last_error();
-        if (try_later(err)) continue;
-        if (Platform::is_connection_reset(err)) return -1;
+        int err = 0;
+        const long n = receive_outcome(Platform::sock_recv(m_sockfd, buf, len), &err);
+        if (n == 0) continue;  // nothing after all: wait again
+        if (n != -2) return static_cast<int>(n);
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : recv error fd[%d], buf[%p], len[%u], error:%d, %s\n",
                 static_cast<void*>(this), kFunction, m_sockfd, static_cast<const void*>(buf), len, err,
                 SErrorText(err).text);

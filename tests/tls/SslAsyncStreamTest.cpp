@@ -114,14 +114,12 @@ TEST_F(SslAsyncStreamTest, RefusedConnectReachesTheUserOnceAsFailure)
 TEST_F(SslAsyncStreamTest, SilentServerEndsInTheUsersWriteTimeout)
 {
     // Accepts TCP and never answers the handshake.
-    CSockAcceptor silent;
-    ASSERT_EQ(silent.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
-    CSockAddrStorage bound;
-    silent.GetLocalAddr(&bound);
+    PlainListener silent;
+    ASSERT_TRUE(silent.ok);
 
     AsyncClient client;
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(client.stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+    ASSERT_EQ(client.stream.Connect(silent.Address(), nullptr), 0);
     ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 1000000), 0);
     ASSERT_TRUE(client.timeouts.WaitFor(1, std::chrono::seconds(5)));
     const auto waited = std::chrono::steady_clock::now() - start;
@@ -169,15 +167,11 @@ TEST_F(SslAsyncStreamTest, ManyClientsHandshakeAtOnceWithoutLeaks)
 TEST_F(SslAsyncStreamTest, PeerResetDuringTheHandshakeReachesTheUserAsFailure)
 {
     // A TCP server that reads the client's hello and answers with a reset.
-    CSockAcceptor plain;
-    ASSERT_EQ(plain.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
-    plain.SetBlockOpt(true);
-    CSockAddrStorage bound;
-    plain.GetLocalAddr(&bound);
+    PlainListener plain;
+    ASSERT_TRUE(plain.ok);
     std::thread peer([&] {
         CSockStream conn;
-        if (plain.Accept(conn, nullptr) != 0) return;
-        conn.SetBlockOpt(true);
+        if (!plain.Accept(conn)) return;
         char buf[512];
         conn.Recv_n(buf, sizeof buf, 2000000);
         const linger reset{1, 0};
@@ -192,7 +186,7 @@ TEST_F(SslAsyncStreamTest, PeerResetDuringTheHandshakeReachesTheUserAsFailure)
             client.handed.Add();
             return -1;
         };
-        ASSERT_EQ(client.stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+        ASSERT_EQ(client.stream.Connect(plain.Address(), nullptr), 0);
         ASSERT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 5000000), 0);
         ASSERT_TRUE(client.handed.WaitFor(1, std::chrono::seconds(5)));
         // Either the failed handshake is handed over, or the reset comes as an exception.
@@ -206,15 +200,12 @@ TEST_F(SslAsyncStreamTest, PeerResetDuringTheHandshakeReachesTheUserAsFailure)
 TEST_F(SslAsyncStreamTest, HandlerClosedDuringTheHandshakeIsSkipped)
 {
     // The server takes the TCP connection at once but runs the handshake only when told.
-    CSockAcceptor plain;
-    ASSERT_EQ(plain.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
-    plain.SetBlockOpt(true);
-    CSockAddrStorage bound;
-    plain.GetLocalAddr(&bound);
+    PlainListener plain;
+    ASSERT_TRUE(plain.ok);
     Signal go, served;
     std::thread server([&] {
         auto* conn = new CSockStream();
-        if (plain.Accept(*conn, nullptr) != 0) {
+        if (!plain.Accept(*conn)) {
             delete conn;
             return;
         }
@@ -234,7 +225,7 @@ TEST_F(SslAsyncStreamTest, HandlerClosedDuringTheHandshakeIsSkipped)
         calls.fetch_add(1);
         return -1;
     };
-    ASSERT_EQ(stream.Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+    ASSERT_EQ(stream.Connect(plain.Address(), nullptr), 0);
     ASSERT_EQ(user->RegisterSock(stream, MASK_WRITE, 5000000), 0);
     user->Close();
     ASSERT_TRUE(released.WaitFor(1, std::chrono::seconds(5)));

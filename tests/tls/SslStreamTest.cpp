@@ -209,15 +209,11 @@ TEST_F(SslStreamTest, VerifyingClientRefusesExpiredAndSelfSignedServers)
 TEST_F(SslStreamTest, HandshakeFailuresLeaveTheGivenStreamToTheCaller)
 {
     // A plain TCP server that answers the hello with garbage.
-    CSockAcceptor plain;
-    ASSERT_EQ(plain.Open(CSockAddrIPv4("127.0.0.1", 0), false), 0);
-    plain.SetBlockOpt(true);
-    CSockAddrStorage bound;
-    plain.GetLocalAddr(&bound);
+    PlainListener plain;
+    ASSERT_TRUE(plain.ok);
     std::thread peer([&] {
         CSockStream conn;
-        if (plain.Accept(conn, nullptr) != 0) return;
-        conn.SetBlockOpt(true);
+        if (!plain.Accept(conn)) return;
         char buf[512];
         conn.Recv_n(buf, sizeof buf, 2000000);
         conn.Send_n("this is not TLS at all\r\n", 24, 1000000);
@@ -227,7 +223,7 @@ TEST_F(SslStreamTest, HandshakeFailuresLeaveTheGivenStreamToTheCaller)
     LogCapture log;
     auto* stream = new CSockStream();
     stream->SetBlockOpt(true);
-    ASSERT_EQ(stream->Connect(CSockAddrIPv4("127.0.0.1", bound.GetPort()), nullptr), 0);
+    ASSERT_EQ(stream->Connect(plain.Address(), nullptr), 0);
     CSslStream client;
     EXPECT_EQ(client.Connect(stream), -1);
     EXPECT_TRUE(log.Contains("SSL_connect failed"));

@@ -64,6 +64,30 @@ inline std::string RunCommand(const std::string& command, int* status = nullptr)
     return out;
 }
 
+/// A blocking TCP listener on loopback, for peers that do not speak TLS (or not yet).
+struct PlainListener {
+    PlainListener()
+    {
+        ok = acceptor.Open(CSockAddrIPv4("127.0.0.1", 0), false) == 0;
+        acceptor.SetBlockOpt(true);
+        CSockAddrStorage bound;
+        acceptor.GetLocalAddr(&bound);
+        port = bound.GetPort();
+    }
+    CSockAddrIPv4 Address() const { return CSockAddrIPv4("127.0.0.1", port); }
+    /// Waits for one connection and makes it blocking; false when none came.
+    bool Accept(CSockStream& conn)
+    {
+        if (acceptor.Accept(conn, nullptr) != 0) return false;
+        conn.SetBlockOpt(true);
+        return true;
+    }
+
+    CSockAcceptor acceptor;
+    unsigned short port = 0;
+    bool ok = false;
+};
+
 /// Starts the library's pools (and with them the TLS library) for each test.
 class TlsFixture : public ::testing::Test {
 protected:
