@@ -37,7 +37,6 @@ public:
     int ProxyRegister(CNetHandler* user, unsigned int mask, int timeout);
     int ProxyUnregister(unsigned int mask);
     int ProxyRemove();
-    CSockAcceptor& Listener() { return m_listen; }
     SslOptions& Options() { return m_options; }
     /// The acceptor goes: withdraws every registration, frees queued connections, closes.
     void Release();

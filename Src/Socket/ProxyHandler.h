@@ -41,8 +41,6 @@ public:
     int ProxyRemove();
     int GetPeerCert(CSslX509* cert);
     int IsSessionReused();
-    int TcpHandle() const { return m_handle; }
-    CSockStream* Tcp() { return m_tcp; }
     CSslIo& Io() { return m_io; }
     SslOptions& Options() { return m_options; }
     /// Takes a connection whose server handshake is done: handed over from the start.

@@ -2,13 +2,15 @@
 
 #include <ctime>
 
+#include "Socket/SslOptions.h"
+
 namespace Qelvar::Corvane {
 
 CSslSessionCache& CSslSessionCache::ForFlags(int session_flags)
 {
     static CSslSessionCache first;
     static CSslSessionCache second;
-    return (session_flags & 1) ? first : second;
+    return (session_flags & SSL_SESSION_FIRST_CACHE) ? first : second;
 }
 
 CSslSessionCache::~CSslSessionCache()
@@ -41,12 +43,6 @@ unsigned int CSslSessionCache::NewId()
     std::lock_guard<std::mutex> lock(m_mutex);
     if (++m_next_id == 0) ++m_next_id;
     return m_next_id;
-}
-
-std::size_t CSslSessionCache::Size()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_sessions.size();
 }
 
 // A session is dropped once its lifetime (issue time plus the time-out the server

@@ -29,8 +29,6 @@ public:
     void Store(const std::string& key, SSL_SESSION* session);
     /// A new session id: 1, 2, ... and never 0.
     unsigned int NewId();
-    /// Entries held now.
-    std::size_t Size();
 
 private:
     void sweep(long now);
