@@ -1,7 +1,8 @@
 #include "Socket/NetCheck.h"
 
+#include <Corvane/NetCheckManager.h>
+
 #include "Fundel/LogDefs.h"
-#include "Socket/NetCheckManager.h"
 
 namespace Qelvar::Corvane {
 

@@ -1,8 +1,10 @@
-#include "Socket/NetCheckManager.h"
+#include <Corvane/NetCheckManager.h>
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include <Corvane/SockAddrStorage.h>
 
@@ -10,9 +12,36 @@
 #include "Core/ThreadPool.h"
 #include "Fundel/LogDefs.h"
 #include "Fundel/Time.h"
+#include "Fundel/Timer.h"
 #include "Socket/NetCheck.h"
 
 namespace Qelvar::Corvane {
+
+struct CNetCheckManager::SState {
+    struct SSlot {
+        bool busy = false;
+        bool started = false;
+        // Counts requests: a session of an earlier request reports into nothing.
+        unsigned int generation = 0;
+        unsigned short port = 0;
+        unsigned long long timeout_ms = 0;
+        ADDR_RECORD_ALL candidates{};
+        std::vector<int> results;    ///< candidates whose connections completed
+        std::vector<long> sessions;  ///< ids of the sessions started
+        Fundel::CTimer timer;        ///< "NetCheckManager": starts the sessions
+    };
+    std::mutex mutex;
+    SSlot slots[kSlots];
+};
+
+CNetCheckManager::CNetCheckManager() : m_state(new SState)
+{
+}
+
+CNetCheckManager::~CNetCheckManager()
+{
+    delete m_state;
+}
 
 CNetCheckManager& CNetCheckManager::Instance()
 {
@@ -44,8 +73,8 @@ bool CNetCheckManager::FilterIP(const ADDR_RECORD_ALL& candidates, ADDR_RECORD& 
     const auto start = Fundel::CTime::getCurrentMilliSecond();
     for (;;) {
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            const std::vector<int>& results = m_slots[slot].results;
+            std::lock_guard<std::mutex> lock(m_state->mutex);
+            const std::vector<int>& results = m_state->slots[slot].results;
             if (!results.empty()) {
                 out = candidates.records[*std::min_element(results.begin(), results.end())];
                 break;
@@ -69,15 +98,15 @@ int CNetCheckManager::addRequest(const ADDR_RECORD_ALL& candidates, unsigned sho
     int index = -1;
     unsigned int generation = 0;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(m_state->mutex);
         for (int i = 0; i < kSlots && index < 0; ++i) {
-            if (!m_slots[i].busy) index = i;
+            if (!m_state->slots[i].busy) index = i;
         }
         if (index < 0) {
             CVN_LOG(Fundel::LOG_WARN, "FilterIP failed, there is no more resouce to deal the request!\n");
             return -1;
         }
-        SSlot& s = m_slots[index];
+        SState::SSlot& s = m_state->slots[index];
         s.results.clear();
         s.sessions.clear();
         s.busy = true;
@@ -87,7 +116,7 @@ int CNetCheckManager::addRequest(const ADDR_RECORD_ALL& candidates, unsigned sho
         s.candidates = candidates;
         generation = ++s.generation;
     }
-    SSlot& s = m_slots[index];
+    SState::SSlot& s = m_state->slots[index];
     s.timer.Start("NetCheckManager", 0, false, [this, index, generation] { onTimer(index, generation); });
     return index;
 }
@@ -98,8 +127,8 @@ void CNetCheckManager::onTimer(int slot, unsigned int generation)
     unsigned short port;
     unsigned long long timeout_ms;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        const SSlot& s = m_slots[slot];
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        const SState::SSlot& s = m_state->slots[slot];
         if (!s.busy || s.generation != generation) return;  // the request is over already
         candidates = s.candidates;
         port = s.port;
@@ -121,21 +150,21 @@ void CNetCheckManager::onTimer(int slot, unsigned int generation)
         }
         bool current;
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            current = m_slots[slot].generation == generation;
-            if (current) m_slots[slot].sessions.push_back(id);
+            std::lock_guard<std::mutex> lock(m_state->mutex);
+            current = m_state->slots[slot].generation == generation;
+            if (current) m_state->slots[slot].sessions.push_back(id);
         }
         // The request ended while its sessions were being started.
         if (!current) CMessage::Notify(0, id, CNetCheck::kStop, 0, false);
     }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_slots[slot].generation == generation) m_slots[slot].started = true;
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    if (m_state->slots[slot].generation == generation) m_state->slots[slot].started = true;
 }
 
 void CNetCheckManager::report(int slot, unsigned int generation, int candidate)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    SSlot& s = m_slots[slot];
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    SState::SSlot& s = m_state->slots[slot];
     if (s.busy && s.generation == generation) s.results.push_back(candidate);
 }
 
@@ -145,16 +174,16 @@ void CNetCheckManager::release(int slot)
 {
     std::vector<long> sessions;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        SSlot& s = m_slots[slot];
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        SState::SSlot& s = m_state->slots[slot];
         sessions.swap(s.sessions);
         ++s.generation;
     }
     // Joined before the slot is free: its next request restarts the timer.
-    m_slots[slot].timer.Stop();
+    m_state->slots[slot].timer.Stop();
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_slots[slot].busy = false;
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        m_state->slots[slot].busy = false;
     }
     for (long id : sessions) CMessage::Notify(0, id, CNetCheck::kStop, 0, false);
 }

@@ -1,11 +1,11 @@
 #include "Socket/SockAddrUtil.h"
 
+#include <Corvane/NetCheckManager.h>
 #include <Corvane/SockAddr.h>
 
 #include "Fundel/LogDefs.h"
 #include "Platform/Error.h"
 #include "Platform/SockTypes.h"
-#include "Socket/NetCheckManager.h"
 
 namespace Qelvar::Corvane {
 
@@ -82,8 +82,9 @@ const char* domain_target(const char* caller, const char* name, int family, unsi
     ADDR_INFO request;
     request.name = name;
     request.family = family;
-    // -1 asks for every kind of socket.
-    request.socktype = socktype == -1 ? ADDR_SOCK_TYPE_ALL : socktype;
+    // The resolver takes the code as it is: -1, outside its table, resolves for
+    // streams with its "not specified" warning.
+    request.socktype = socktype;
     ADDR_RECORD_ALL list;
     if (!CGetHostByName::Instance().getAddrInfoAll(&request, &list, timeout_ms)) return nullptr;
     if (CNetCheckManager::Instance().FilterIP(list, chosen, port, socktype, timeout_ms)) return chosen.addr;

@@ -5,11 +5,13 @@
 #include <Fundel/Function.h>
 #include <Fundel/Log.h>
 
+#include <Corvane/AddrRecord.h>
 #include <Corvane/Config.h>
 #include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 #include <Corvane/IoVec.h>
 #include <Corvane/NetHandler.h>
+#include <Corvane/NetCheckManager.h>
 #include <Corvane/NetThread.h>
 #include <Corvane/QuicAcceptor.h>
 #include <Corvane/QuicStream.h>

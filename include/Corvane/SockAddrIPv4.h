@@ -34,7 +34,7 @@ public:
     int SetAddr(const char* ip, unsigned short port);
     /// Takes a system address whole.
     int SetAddr(const sockaddr_in& addr);
-    /// Resolves `name` (socktype 0 stream, 1 datagram, 2 raw, -1 any) to its IPv4
+    /// Resolves `name` (socktype 0 stream, 1 datagram, 2 raw; -1 resolves as 0, with a warning) to its IPv4
     /// addresses within `timeout` ms and takes one; a literal is taken as it stands.
     int SetDomainName(const char* name, unsigned short port, int socktype, unsigned long long timeout);
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 
 namespace {
 
@@ -84,6 +85,16 @@ int main()
     if (!seen.WaitFor([&] { return seen.message; })) Fail("no message within 5 s");
     if (seen.from_id != id || seen.type != 1 || seen.attach != 42) {
         Fail("message arrived with other contents");
+    }
+
+    // The network check is exported: a single candidate comes back without a probe.
+    Qelvar::Corvane::ADDR_RECORD_ALL candidates{};
+    std::snprintf(candidates.records[0].addr, sizeof candidates.records[0].addr, "127.0.0.1");
+    candidates.count = 1;
+    Qelvar::Corvane::ADDR_RECORD chosen{};
+    if (!Qelvar::Corvane::CNetCheckManager::Instance().FilterIP(candidates, chosen, 80, 0, 1000) ||
+        std::string(chosen.addr) != "127.0.0.1") {
+        Fail("FilterIP did not hand back its only candidate");
     }
 
     handler->Close();  // from here on it may be gone: handle_close deletes it

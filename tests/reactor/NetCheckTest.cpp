@@ -5,12 +5,12 @@
 #include <thread>
 #include <vector>
 
+#include <Corvane/NetCheckManager.h>
 #include <Corvane/SockAddrStorage.h>
 
 #include "../socket/FakeResolver.h"
 #include "Fundel/Time.h"
 #include "ReactorSupport.h"
-#include "Socket/NetCheckManager.h"
 #include "TestSupport.h"
 
 #ifndef _WIN32

@@ -307,9 +307,11 @@ TEST(SockAddr, NamesResolveToTheClassFamilyAndRefusalsAreLogged)
     EXPECT_TRUE(log.Contains("CSockAddrIPv4::SetDomainName : SetDomainName failed! Invalid ipstr :"));
     EXPECT_EQ(v6.SetIp(nullptr), -1);
     EXPECT_TRUE(log.Contains("SetIp failed! Invalid parameter, ipstr :(null)"));
-    // -1 asks the system for every socktype.
+    // -1 is outside the resolver's codes: a stream lookup, with the resolver's warning.
+    log.Clear();
     ASSERT_EQ(storage.SetDomainName("dual.test", 1, -1, 2000), 0);
-    EXPECT_EQ(fake.Locked([](auto& s) { return s.last_socktype; }), 0);
+    EXPECT_EQ(fake.Locked([](auto& s) { return s.last_socktype; }), SOCK_STREAM);
+    EXPECT_TRUE(log.Contains("The Socktype is not specified, the default setting is SOCK_STREAM!"));
 }
 
 }  // namespace Qelvar::Corvane
