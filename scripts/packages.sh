@@ -4,9 +4,10 @@
 # shellcheck disable=SC2034 # the lists are used by the scripts that source this file
 
 # Native build, the test suites and the benchmarks: OpenSSL 3 for TLS and the openssl
-# command its tests talk to; googletest is the source tree
-# under /usr/src/googletest that the Windows cross build compiles.
-CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl
+# command its tests talk to; telnet, driven by expect, is the console tests' real client;
+# googletest is the source tree under /usr/src/googletest that the Windows cross build
+# compiles.
+CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl telnet expect
                        libgtest-dev libgmock-dev googletest libbenchmark-dev)
 # The Windows cross build and Wine to run its programs.
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)

@@ -69,6 +69,9 @@ int CSimulatorStream::WriteV(const iovec* vec, int count)
     for (int i = 0; i < count; ++i) {
         last = send_piece(static_cast<const char*>(vec[i].iov_base), static_cast<unsigned int>(vec[i].iov_len));
         if (last > 0) total += last;
+        // An element taken in part ends the write: the system may take some of the
+        // next one, which would leave a hole in the stream.
+        if (last > 0 && static_cast<unsigned long>(last) < static_cast<unsigned long>(vec[i].iov_len)) break;
         if (last < 1) {
             if (last < 0) {
                 CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Send failed! vector[%d].iov_base:%p, len:%lu, fd:%d\n",

@@ -1,11 +1,16 @@
-// A TCP echo server: echo_server [--port P] [--threads N] [--bind ADDR] [--seconds S]
-// Runs until interrupted (Ctrl-C) or for S seconds, then reports what it did.
+// A TCP echo server:
+//   echo_server [--port P] [--threads N] [--bind ADDR] [--seconds S] [--console PORT]
+// Runs until interrupted (Ctrl-C) or for S seconds, then reports what it did. With
+// --console, a telnet console on PORT (or one of the next 100 ports) runs the debug
+// commands ("help" lists them).
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+
+#include <Corvane/R3.h>
 
 #include "EchoServer.h"
 
@@ -26,14 +31,17 @@ int main(int argc, char** argv)
     unsigned int threads = 2;
     const char* bind = "0.0.0.0";
     double seconds = 0;
+    int console = 0;
     for (int i = 1; i < argc; ++i) {
         const bool value = i + 1 < argc;
         if (std::strcmp(argv[i], "--port") == 0 && value) port = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--threads") == 0 && value) threads = static_cast<unsigned int>(std::atoi(argv[++i]));
         else if (std::strcmp(argv[i], "--bind") == 0 && value) bind = argv[++i];
         else if (std::strcmp(argv[i], "--seconds") == 0 && value) seconds = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--console") == 0 && value) console = std::atoi(argv[++i]);
         else {
-            std::fprintf(stderr, "usage: %s [--port P] [--threads N] [--bind ADDR] [--seconds S]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--port P] [--threads N] [--bind ADDR] [--seconds S] [--console PORT]\n",
+                         argv[0]);
             return 2;
         }
     }
@@ -51,6 +59,18 @@ int main(int argc, char** argv)
         return 1;
     }
     std::printf("echo server listening on %s port %u\n", bind, server->Port());
+    // The console is off unless the application switches it on.
+    const bool with_console = console > 0 && console <= 65535;
+    if (with_console) {
+        CNetThread::SetR3Enabled(true);
+        if (CNetThread::EnableR3(static_cast<unsigned short>(console), "echo") != 0) {
+            std::fprintf(stderr, "cannot start the console on port %d\n", console);
+            server->Stop();
+            CNetThread::DestroyThreadPool();
+            return 1;
+        }
+        std::printf("console: telnet 127.0.0.1 %u\n", R3ServerPort());
+    }
     std::fflush(stdout);
 
     std::signal(SIGINT, on_signal);
@@ -60,6 +80,7 @@ int main(int argc, char** argv)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     server->Stop();
+    if (with_console) CNetThread::DisableR3();
     CNetThread::DestroyThreadPool();
     std::printf("echo server: %ld connections, %lld bytes echoed\n", stats.accepted.load(), stats.bytes.load());
     return 0;

@@ -15,6 +15,7 @@
 #include <Corvane/NetThread.h>
 #include <Corvane/QuicAcceptor.h>
 #include <Corvane/QuicStream.h>
+#include <Corvane/R3.h>
 #include <Corvane/SimulatorStream.h>
 #include <Corvane/Sock.h>
 #include <Corvane/SockAcceptor.h>
@@ -24,6 +25,7 @@
 #include <Corvane/SockAddrStorage.h>
 #include <Corvane/SockDgram.h>
 #include <Corvane/SockStream.h>
+#include <Corvane/StreamSender.h>
 #include <Corvane/TsMemory.h>
 
 #if CORVANE_HAVE_TLS

@@ -66,6 +66,18 @@ public:
     static void AddSockTrace(int fd);
     static void RemoveSockTrace(int fd);
 
+    /// Allows the telnet console (Corvane/R3.h) to start. Off by default: R3ServerStart
+    /// and EnableR3 refuse until it is switched on.
+    static void SetR3Enabled(bool on);
+    /// Starts the telnet console on `port` (or one of the next 100) with the prompt
+    /// `name`, holding a reference of the public pool as CreateThreadPool does (it starts
+    /// the library when it does not run yet). Each success needs one DisableR3. On
+    /// failure, "R3ServerStart failed!!" is logged and the reference given back. 0 or -1.
+    static int EnableR3(unsigned short port = 9023, const char* name = nullptr);
+    /// Stops the console started by EnableR3 and gives its pool reference back (the last
+    /// one stops the library, as DestroyThreadPool). 0, or -1 without an EnableR3.
+    static int DisableR3();
+
     /// Prepares the TLS library for use from several threads; call once before the
     /// threads use TLS (OpenSSL 3 locks itself, so this only records that it was done).
     /// A second call logs "SSLThreadSetup have been set!" and does nothing.

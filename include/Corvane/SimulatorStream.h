@@ -27,7 +27,8 @@ public:
     /// As CSockStream::Send within the budget left in the current second: 0 when it is
     /// used up. Without a real stream the bytes count as sent.
     int Send(const char* buf, unsigned int len);
-    /// As Send for each element in turn; the total, or the first element's result.
+    /// As Send for each element in turn, up to the first one not taken whole; the
+    /// total, or the first element's result.
     int WriteV(const iovec* vec, int count);
 
 private:
