@@ -2,6 +2,7 @@
 
 #include <Corvane/NetHandler.h>
 
+#include "Core/ConsoleHooks.h"
 #include "Core/CurrentObject.h"
 #include "Core/FileThreadPool.h"
 #include "Core/HandlerState.h"
@@ -90,10 +91,13 @@ void CMessage::handle_message(SEvent* record)
             // The table's reference goes with the entry; the lookup's below.
             if (CThreadPool::remove_object(receiver)) owner->DecRef();
         } else {
+            const bool traced = CConsoleHooks::Tracing();
+            if (traced) CConsoleHooks::TraceDelivery(owner, true, &record->m_type, record->m_attach);
             CCurrentObject::Set(owner, receiver);
             owner->handle_message(static_cast<long>(record->obj_id), record->m_type,
                                   static_cast<long>(record->m_attach));
             CCurrentObject::Clear();
+            if (traced) CConsoleHooks::TraceDelivery(owner, false, &record->m_type, record->m_attach);
         }
         owner->DecRef();
     }

@@ -5,8 +5,10 @@
 #include <memory>
 #include <mutex>
 
+#include <Corvane/R3.h>
 #include <Corvane/TsMemory.h>
 
+#include "Core/ConsoleHooks.h"
 #include "Core/FileThreadPool.h"
 #include "Core/MinHeap.h"
 #include "Core/NetSock.h"
@@ -16,6 +18,7 @@
 #include "Core/SockTimer.h"
 #include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
+#include "Debug/ConsoleDebug.h"
 #include "Fundel/LogDefs.h"
 #include "Platform/Thread.h"
 
@@ -155,6 +158,9 @@ int check_on_init(unsigned int count, bool file_threads)
 {
     CTsMemory::InitStaticVal();
     g_processors = Platform::processor_count();
+    // The diagnostics above the core: the telnet console's printer for the delivery
+    // trace, and the debug console's commands that the pool daemons install.
+    CConsoleHooks::Install(&R3Printf, &CConsoleDebug::Install);
 
     if (CNetSock::InitEnvironment() != 0) {
         CVN_LOG(Fundel::LOG_ERROR, "CNetThread::check_on_init, CNetSock init environment failed!\n");

@@ -4,6 +4,7 @@
 
 #include <Corvane/NetHandler.h>
 
+#include "Core/ConsoleHooks.h"
 #include "Core/CurrentObject.h"
 #include "Core/ReclaimPool.h"
 #include "Core/ThreadPool.h"
@@ -171,9 +172,12 @@ void CNetTimer::Fire(SEvent* record)
     SHandlerState* state = CThreadPool::find_object(record->obj_id);
     if (state) {
         CNetHandler* owner = state->m_owner;
+        const bool traced = CConsoleHooks::Tracing();
+        if (traced) CConsoleHooks::TraceDelivery(owner, true, nullptr, 0);
         CCurrentObject::Set(owner, record->obj_id);
         result = owner->handle_timeout(static_cast<long>(id));
         CCurrentObject::Clear();
+        if (traced) CConsoleHooks::TraceDelivery(owner, false, nullptr, 0);
         owner->DecRef();
     }
     {

@@ -1,12 +1,16 @@
 #include "Core/ThreadPool.h"
 
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <shared_mutex>
+#include <string>
+#include <vector>
 
 #include <Corvane/NetHandler.h>
 #include <Corvane/TsMemory.h>
 
+#include "Core/ConsoleHooks.h"
 #include "Core/CurrentObject.h"
 #include "Core/Message.h"
 #include "Core/NetSock.h"
@@ -305,10 +309,34 @@ void CThreadPool::drain_serial(SEvent* token, Fundel::CThreadLite& thread)
     CReclaimPool::sm_reclaim_pool.GiveBack(token);
 }
 
+// Installs the debug console's commands until that succeeds; five failures in a row
+// end the attempts. The commands are process-wide: the first daemon to install them
+// says so, the others find them there. Once installed, each pass only checks that they
+// still are (the console's exit empties the command table).
+void CThreadPool::console_step(int& failures)
+{
+    const CConsoleHooks::Installer install = CConsoleHooks::GetInstaller();
+    if (!install || failures >= kConsoleTries) return;
+    const int result = install();
+    if (result == 0) {
+        CVN_LOG(Fundel::LOG_WARN, "InitConsoleDebug ok! run happy.\n");
+    } else if (result < 0) {
+        if (++failures < kConsoleTries) {
+            CVN_LOG(Fundel::LOG_WARN, "InitConsoleDebug Failed! try again.\n");
+        } else {
+            CVN_LOG(Fundel::LOG_WARN, "InitConsoleDebug Failed! Will not to able use console commands.\n");
+        }
+        return;
+    }
+    failures = 0;
+}
+
 void CThreadPool::daemon_loop()
 {
     std::int64_t last_progress = -1;
+    int console_failures = 0;
     while (m_daemon.IsLooping()) {
+        console_step(console_failures);
         SEvent* beat = CReclaimPool::sm_reclaim_pool.Take();
         beat->m_key = EVENT_HEARTBEAT;
         m_queue.Append(beat);
@@ -363,33 +391,75 @@ void CThreadPool::report_stuck_callbacks()
     }
 }
 
-void CThreadPool::Traversal()
+namespace {
+
+// Lines of a dump, gathered under the tables' locks and printed after they are
+// released: the console's printer may register a socket itself, which takes them.
+class CDumpLines {
+public:
+    void Add(const char* fmt, ...)
+#if defined(__clang__)
+        __attribute__((format(printf, 2, 3)))
+#elif defined(__GNUC__)
+        __attribute__((format(gnu_printf, 2, 3)))
+#endif
+    {
+        char line[512];
+        va_list args;
+        va_start(args, fmt);
+        std::vsnprintf(line, sizeof line, fmt, args);
+        va_end(args);
+        m_lines.emplace_back(line);
+    }
+    void PrintTo(CThreadPool::Printer out) const
+    {
+        for (const std::string& line : m_lines) out("%s", line.c_str());
+    }
+    template <class F>
+    void ForEach(F&& f) const
+    {
+        for (const std::string& line : m_lines) f(line.c_str());
+    }
+
+private:
+    std::vector<std::string> m_lines;
+};
+
+}  // namespace
+
+void CThreadPool::Traversal(Printer out)
 {
-    std::shared_lock<Fundel::CReadWriteMutex> sockets(m_sockets.Lock());
-    std::shared_lock<Fundel::CReadWriteMutex> objects(m_objects.Lock());
-    m_sockets.ForEach([this](std::int64_t key, SEvent* event) {
-        // A socket's owner lives in the same pool; the table lock keeps it registered.
-        SHandlerState* owner = m_objects.Find(event->obj_id);
-        CNetHandler* handler = owner ? owner->m_owner : nullptr;
-        CVN_LOG(Fundel::LOG_INFO, "CThreadPool::Traversal, sock fd: %lld, owner: %p, owner type:%s \n",
-                static_cast<long long>(key), static_cast<void*>(handler), object_class_name(handler).c_str());
-    });
+    CDumpLines lines;
+    {
+        std::shared_lock<Fundel::CReadWriteMutex> sockets(m_sockets.Lock());
+        std::shared_lock<Fundel::CReadWriteMutex> objects(m_objects.Lock());
+        m_sockets.ForEach([this, &lines](std::int64_t key, SEvent* event) {
+            // A socket's owner lives in the same pool; the table lock keeps it registered.
+            SHandlerState* owner = m_objects.Find(event->obj_id);
+            CNetHandler* handler = owner ? owner->m_owner : nullptr;
+            lines.Add("CThreadPool::Traversal, sock fd: %lld, owner: %p, owner type:%s \n", static_cast<long long>(key),
+                      static_cast<void*>(handler), object_class_name(handler).c_str());
+        });
+    }
+    if (out) lines.PrintTo(out);
+    else lines.ForEach([](const char* line) { CVN_LOG(Fundel::LOG_INFO, "%s", line); });
 }
 
-void CThreadPool::traversal_all()
+void CThreadPool::traversal_all(Printer out)
 {
     for (int index = 0; index < kMaxPools; ++index) {
-        with_pool(index, false, [](CThreadPool& pool) {
-            pool.Traversal();
+        with_pool(index, false, [out](CThreadPool& pool) {
+            pool.Traversal(out);
             return true;
         });
     }
 }
 
-void CThreadPool::dump_sock_event_all(int fd)
+void CThreadPool::dump_sock_event_all(int fd, Printer out)
 {
+    CDumpLines lines;
     for (int index = 0; index < kMaxPools; ++index) {
-        with_pool(index, false, [fd](CThreadPool& pool) {
+        with_pool(index, false, [fd, &lines](CThreadPool& pool) {
             std::shared_lock<Fundel::CReadWriteMutex> sockets(pool.m_sockets.Lock());
             SEvent* event = pool.m_sockets.Find(fd);
             if (!event) return false;
@@ -397,15 +467,39 @@ void CThreadPool::dump_sock_event_all(int fd)
             std::shared_lock<Fundel::CReadWriteMutex> objects(pool.m_objects.Lock());
             SHandlerState* owner = pool.m_objects.Find(event->obj_id);
             CNetHandler* handler = owner ? owner->m_owner : nullptr;
-            CVN_LOG(Fundel::LOG_WARN,
-                    "CNetThread::DumpSockEvent, pool:%d, sock fd: %d, owner: %p, owner type:%s, mask:%u, revents:%u, "
-                    "evready:%u, set_time:%d\n",
-                    pool.m_index, fd, static_cast<void*>(handler), object_class_name(handler).c_str(),
-                    event->socket.m_event_mask, static_cast<unsigned int>(event->socket.m_revents), event->m_evready,
-                    event->timer.m_set_time);
+            lines.Add("CNetThread::DumpSockEvent, pool:%d, sock fd: %d, owner: %p, owner type:%s, mask:%u, revents:%u, "
+                      "evready:%u, set_time:%d\n",
+                      pool.m_index, fd, static_cast<void*>(handler), object_class_name(handler).c_str(),
+                      event->socket.m_event_mask, static_cast<unsigned int>(event->socket.m_revents),
+                      static_cast<unsigned int>(event->m_evready), event->timer.m_set_time);
             return true;
         });
     }
+    if (out) lines.PrintTo(out);
+    else lines.ForEach([](const char* line) { CVN_LOG(Fundel::LOG_WARN, "%s", line); });
+}
+
+void CThreadPool::dump_pools(Printer out)
+{
+    CDumpLines lines;
+    for (int index = 0; index < kMaxPools; ++index) {
+        with_pool(index, false, [&lines](CThreadPool& pool) {
+            std::shared_lock<Fundel::CReadWriteMutex> sockets(pool.m_sockets.Lock());
+            std::shared_lock<Fundel::CReadWriteMutex> objects(pool.m_objects.Lock());
+            int handlers = 0;
+            int socks = 0;
+            pool.m_objects.ForEach([&handlers](std::int64_t, SHandlerState*) { ++handlers; });
+            pool.m_sockets.ForEach([&socks](std::int64_t, SEvent*) { ++socks; });
+            lines.Add("pool %d: %u threads, %d handlers, %d sockets, %lld items taken\n", pool.m_index,
+                      pool.m_thread_count, handlers, socks, static_cast<long long>(pool.m_progress.load()));
+            pool.m_objects.ForEach([&lines](std::int64_t id, SHandlerState* state) {
+                lines.Add("  handler obj_id:%lld, object:%p, class:%s\n", static_cast<long long>(id),
+                          static_cast<void*>(state->m_owner), object_class_name(state->m_owner).c_str());
+            });
+            return true;
+        });
+    }
+    lines.PrintTo(out);
 }
 
 void CThreadPool::publish(CThreadPool* pool)

@@ -51,12 +51,17 @@ public:
     CBTree<SEvent>& Sockets() { return m_sockets; }
     CMultiplexer& Multiplexer() { return m_mux; }
 
-    /// Logs every registered socket with its owner.
-    void Traversal();
+    /// printf-style destination of the dumps below other than the log (the console).
+    using Printer = void (*)(const char* fmt, ...);
+
+    /// Logs every registered socket with its owner, or prints the lines to `out`.
+    void Traversal(Printer out = nullptr);
     /// Traversal() of every pool.
-    static void traversal_all();
-    /// Logs the record of socket `fd` in every pool that has one.
-    static void dump_sock_event_all(int fd);
+    static void traversal_all(Printer out = nullptr);
+    /// Logs the record of socket `fd` in every pool that has one, or prints it to `out`.
+    static void dump_sock_event_all(int fd, Printer out = nullptr);
+    /// Prints every pool (threads, objects, sockets) and every open handler to `out`.
+    static void dump_pools(Printer out);
 
     // The pool table. A pool is published in it once started and withdrawn before it
     // stops; posting and lookups hold the index's guard for reading, so they never race
@@ -142,6 +147,8 @@ private:
     void dispatch(SEvent* record, Fundel::CThreadLite& thread);
     void drain_serial(SEvent* token, Fundel::CThreadLite& thread);
     void daemon_loop();
+    void console_step(int& failures);
+    static constexpr int kConsoleTries = 5;
     void report_deadlock();
     void report_stuck_callbacks();
     void free_records(SEvent* chain);

@@ -1,27 +1,30 @@
 // The Corvane demo: a public and a private thread pool, handlers that play ping-pong by
 // object id across the pools, serial messages, periodic timers, the reactor's echo
 // server driven by clients over loopback, a TLS echo whose second connection resumes
-// the first one's session, and a clean shutdown in which every handler is released. It
-// prints what happened and how fast.
+// the first one's session, its own report sent many times over through a send queue
+// to a slow reader, and a clean shutdown in which every handler is released. It prints
+// what happened and how fast.
 //
 //   corvane_demo [--seconds S] [--pairs N] [--timers T] [--clients C]
 #include <Corvane/Corvane.h>
 
 #include "../echo_server/EchoServer.h"
+#include "SlowReaderRun.h"
 #if CORVANE_HAVE_TLS
 #include "../tls_echo/TlsEcho.h"
 #endif
 
 #include <algorithm>
-#include <filesystem>
-#include <string>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -175,6 +178,28 @@ private:
     std::vector<double> m_intervals;
 };
 
+// The lines of the demo's report: printed, and kept for the stream-sender run.
+std::string g_report;
+
+void say(const char* fmt, ...)
+#if defined(__clang__)
+    __attribute__((format(printf, 1, 2)))
+#elif defined(__GNUC__)
+    __attribute__((format(gnu_printf, 1, 2)))
+#endif
+    ;
+
+void say(const char* fmt, ...)
+{
+    char line[1024];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(line, sizeof line, fmt, args);
+    va_end(args);
+    std::fputs(line, stdout);
+    g_report += line;
+}
+
 double percentile(std::vector<double> v, double p)
 {
     if (v.empty()) return 0;
@@ -238,7 +263,7 @@ bool echo_round_trips(int clients, double seconds)
     for (int i = 0; i < 500 && stats.closed.load() < stats.accepted.load(); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::printf("  reactor echo server: %d clients x 64 bytes for %.1f s, %zu round trips checked, %.0f round trips/s, "
+    say("  reactor echo server: %d clients x 64 bytes for %.1f s, %zu round trips checked, %.0f round trips/s, "
                 "round trip p50 %.1f us, p99 %.1f us\n",
                 clients, seconds, rtts.size(), static_cast<double>(rtts.size()) / seconds, percentile(rtts, 0.5),
                 percentile(rtts, 0.99));
@@ -254,7 +279,7 @@ bool tls_round_trips()
     std::error_code ec;
     const fs::path dir = fs::temp_directory_path(ec) / ("corvane-demo-cert-" + std::to_string(Clock::now().time_since_epoch().count()));
     if (!TlsEcho::EnsureCertificate(dir.string())) {
-        std::printf("  TLS echo: no certificate could be made in %s\n", dir.string().c_str());
+        say("  TLS echo: no certificate could be made in %s\n", dir.string().c_str());
         return false;
     }
     auto* server = new TlsEcho::CTlsEchoServer(0);
@@ -267,13 +292,13 @@ bool tls_round_trips()
     server->Stop();
     fs::remove_all(dir, ec);
     ok = ok && first.ok && second.ok && !first.resumed && second.resumed;
-    std::printf("  TLS echo: 2 connections x %d round trips of 64 bytes checked (%.0f and %.0f round trips/s); "
+    say("  TLS echo: 2 connections x %d round trips of 64 bytes checked (%.0f and %.0f round trips/s); "
                 "second connection resumed the first one's session: %s\n",
                 first.round_trips, first.round_trips / std::max(first.seconds, 1e-9),
                 second.round_trips / std::max(second.seconds, 1e-9), second.resumed ? "yes" : "no");
     return ok;
 #else
-    std::printf("  TLS echo: not in this build (no OpenSSL)\n");
+    say("  TLS echo: not in this build (no OpenSSL)\n");
     return true;
 #endif
 }
@@ -304,16 +329,16 @@ int main(int argc, char** argv)
 
     std::printf("Corvane demo\n");
     if (CNetThread::CreateThreadPool(1) != 0) {
-        std::printf("  could not create the public pool\n");
+        say("  could not create the public pool\n");
         return 1;
     }
     const int priv = CNetThread::CreatePrivatePool(1);
     if (priv < 1) {
-        std::printf("  could not create a private pool\n");
+        say("  could not create a private pool\n");
         CNetThread::DestroyThreadPool();
         return 1;
     }
-    std::printf("  public pool 0 and private pool %d are running\n", priv);
+    say("  public pool 0 and private pool %d are running\n", priv);
 
     Releases releases;
     int handlers = 0;
@@ -360,11 +385,11 @@ int main(int argc, char** argv)
     for (auto* m : metronomes) m->Stop();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the last balls and ticks land
 
-    std::printf("  ping-pong across pools: %d pairs, %.2f s, %lld messages, %.0f messages/s\n", settings.pairs,
+    say("  ping-pong across pools: %d pairs, %.2f s, %lld messages, %.0f messages/s\n", settings.pairs,
                 elapsed, messages, static_cast<double>(messages) / elapsed);
     const long serial_received = reader_a->Received() + reader_b->Received();
     const long serial_disordered = reader_a->OutOfOrder() + reader_b->OutOfOrder();
-    std::printf("  serial messages: %ld of %ld received one at a time, %ld out of order\n", serial_received,
+    say("  serial messages: %ld of %ld received one at a time, %ld out of order\n", serial_received,
                 kSerialMessages, serial_disordered);
 
     std::vector<double> intervals;
@@ -376,7 +401,7 @@ int main(int argc, char** argv)
         double sum = 0;
         for (double v : intervals) sum += v;
         const double target = static_cast<double>(settings.timer_us);
-        std::printf("  timers: %d of %.0f ms, %zu firings; interval mean %.2f ms, p50 %.2f ms, p99 %.2f ms, "
+        say("  timers: %d of %.0f ms, %zu firings; interval mean %.2f ms, p50 %.2f ms, p99 %.2f ms, "
                     "min %.2f ms, max %.2f ms\n",
                     settings.timers, target / 1000, intervals.size(), sum / static_cast<double>(intervals.size()) / 1000,
                     percentile(intervals, 0.5) / 1000, percentile(intervals, 0.99) / 1000,
@@ -385,6 +410,8 @@ int main(int argc, char** argv)
 
     const bool tcp_ok = echo_round_trips(settings.clients, settings.seconds);
     const bool tls_ok = tls_round_trips();
+    // The report so far, many times over, through a send queue to a slow reader.
+    const bool sender_ok = SlowReader::Run(g_report, 600);
 
     // Clean shutdown: every handler is closed and released before the pools go.
     for (auto* p : players) p->Close();
@@ -395,10 +422,10 @@ int main(int argc, char** argv)
     const int released = releases.Count();
     CNetThread::DestroyPrivatePool(priv);
     const int destroyed = CNetThread::DestroyThreadPool();
-    std::printf("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
+    say("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
                 destroyed == 0 ? "ok" : "failed");
     const bool ok =
-        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok && tls_ok;
+        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok && tls_ok && sender_ok;
     std::printf("%s\n", ok ? "clean shutdown" : "shutdown FAILED");
     return ok ? 0 : 1;
 }
