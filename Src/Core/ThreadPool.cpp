@@ -12,6 +12,7 @@
 
 #include "Core/ConsoleHooks.h"
 #include "Core/CurrentObject.h"
+#include "Core/DumpLines.h"
 #include "Core/Message.h"
 #include "Core/NetSock.h"
 #include "Core/NetTimer.h"
@@ -391,68 +392,40 @@ void CThreadPool::report_stuck_callbacks()
     }
 }
 
-namespace {
-
-// Lines of a dump, gathered under the tables' locks and printed after they are
-// released: the console's printer may register a socket itself, which takes them.
-class CDumpLines {
-public:
-    void Add(const char* fmt, ...)
-#if defined(__clang__)
-        __attribute__((format(printf, 2, 3)))
-#elif defined(__GNUC__)
-        __attribute__((format(gnu_printf, 2, 3)))
-#endif
-    {
-        char line[512];
-        va_list args;
-        va_start(args, fmt);
-        std::vsnprintf(line, sizeof line, fmt, args);
-        va_end(args);
-        m_lines.emplace_back(line);
-    }
-    void PrintTo(CThreadPool::Printer out) const
-    {
-        for (const std::string& line : m_lines) out("%s", line.c_str());
-    }
-    template <class F>
-    void ForEach(F&& f) const
-    {
-        for (const std::string& line : m_lines) f(line.c_str());
-    }
-
-private:
-    std::vector<std::string> m_lines;
-};
-
-}  // namespace
 
 void CThreadPool::Traversal(Printer out)
 {
     CDumpLines lines;
-    {
-        std::shared_lock<Fundel::CReadWriteMutex> sockets(m_sockets.Lock());
-        std::shared_lock<Fundel::CReadWriteMutex> objects(m_objects.Lock());
-        m_sockets.ForEach([this, &lines](std::int64_t key, SEvent* event) {
-            // A socket's owner lives in the same pool; the table lock keeps it registered.
-            SHandlerState* owner = m_objects.Find(event->obj_id);
-            CNetHandler* handler = owner ? owner->m_owner : nullptr;
-            lines.Add("CThreadPool::Traversal, sock fd: %lld, owner: %p, owner type:%s \n", static_cast<long long>(key),
-                      static_cast<void*>(handler), object_class_name(handler).c_str());
-        });
-    }
+    collect_sockets(lines);
     if (out) lines.PrintTo(out);
     else lines.ForEach([](const char* line) { CVN_LOG(Fundel::LOG_INFO, "%s", line); });
 }
 
+void CThreadPool::collect_sockets(CDumpLines& lines)
+{
+    std::shared_lock<Fundel::CReadWriteMutex> sockets(m_sockets.Lock());
+    std::shared_lock<Fundel::CReadWriteMutex> objects(m_objects.Lock());
+    m_sockets.ForEach([this, &lines](std::int64_t key, SEvent* event) {
+        // A socket's owner lives in the same pool; the table lock keeps it registered.
+        SHandlerState* owner = m_objects.Find(event->obj_id);
+        CNetHandler* handler = owner ? owner->m_owner : nullptr;
+        lines.Add("CThreadPool::Traversal, sock fd: %lld, owner: %p, owner type:%s \n", static_cast<long long>(key),
+                  static_cast<void*>(handler), object_class_name(handler).c_str());
+    });
+}
+
 void CThreadPool::traversal_all(Printer out)
 {
+    // Every pool's lines first: printing may need the pool table itself.
+    CDumpLines lines;
     for (int index = 0; index < kMaxPools; ++index) {
-        with_pool(index, false, [out](CThreadPool& pool) {
-            pool.Traversal(out);
+        with_pool(index, false, [&lines](CThreadPool& pool) {
+            pool.collect_sockets(lines);
             return true;
         });
     }
+    if (out) lines.PrintTo(out);
+    else lines.ForEach([](const char* line) { CVN_LOG(Fundel::LOG_INFO, "%s", line); });
 }
 
 void CThreadPool::dump_sock_event_all(int fd, Printer out)

@@ -24,6 +24,8 @@
 
 namespace Qelvar::Corvane {
 
+class CDumpLines;
+
 class CThreadPool {
 public:
     static constexpr int kMaxPools = 64;
@@ -148,6 +150,7 @@ private:
     void drain_serial(SEvent* token, Fundel::CThreadLite& thread);
     void daemon_loop();
     void console_step(int& failures);
+    void collect_sockets(CDumpLines& lines);
     static constexpr int kConsoleTries = 5;
     void report_deadlock();
     void report_stuck_callbacks();
