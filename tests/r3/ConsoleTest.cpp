@@ -89,9 +89,13 @@ TEST_F(ConsoleTest, EditsLinesAndRunsCommands)
     const int nan = kNotANumber;
     EXPECT_EQ(g_calls.Calls().back(), (std::array<int, 10>{0, 7, big, nan, nan, nan, nan, nan, nan, nan}));
 
-    // bye ends the connection, not the console.
+    // bye ends the connection, not the console, and closes the console's socket.
+    const int fds = OpenFds();
     ASSERT_TRUE(client.Send("bye\r"));
     EXPECT_TRUE(client.WaitClosed());
+    if (fds >= 0) {
+        EXPECT_TRUE(eventually([&] { return OpenFds() == fds - 1; }));
+    }
     ConsoleClient next;
     Open(next);
     EXPECT_EQ(next.Exchange("foo 1\r"), "foo 1\r\ntest>");

@@ -3,6 +3,10 @@
 #include <Fundel/Assert.h>
 #include <Fundel/Log.h>
 
+#ifndef _WIN32
+#include <dirent.h>
+#endif
+
 namespace Qelvar::Test {
 
 LogCapture::LogCapture(int level) : m_saved_level(Fundel::GetLogLevel())
@@ -94,6 +98,20 @@ int AssertCapture::Count(std::string_view expr) const
         if (e == expr) ++n;
     }
     return n;
+}
+
+int OpenFds()
+{
+#ifdef _WIN32
+    return -1;
+#else
+    int count = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (readdir(dir)) ++count;
+        closedir(dir);
+    }
+    return count;
+#endif
 }
 
 }  // namespace Qelvar::Test

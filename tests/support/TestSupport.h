@@ -69,6 +69,9 @@ private:
     std::vector<std::string> m_exprs;
 };
 
+/// Open descriptors of this process; -1 where the system does not tell (Windows).
+int OpenFds();
+
 /// Waits until `done()` holds, checking every millisecond; false after `timeout`.
 template <class F>
 bool eventually(F done, std::chrono::milliseconds timeout = std::chrono::seconds(10))

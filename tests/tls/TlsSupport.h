@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,16 +24,7 @@ namespace TlsTest {
 
 using namespace Qelvar::Corvane;
 
-/// Open descriptors of this process.
-inline int OpenFds()
-{
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir)) ++count;
-        closedir(dir);
-    }
-    return count;
-}
+using Qelvar::Test::OpenFds;
 
 /// A loopback port nobody listens on right now.
 inline unsigned short FreePort()

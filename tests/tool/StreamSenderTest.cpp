@@ -236,6 +236,13 @@ TEST_F(StreamSenderTest, PeerResetIsReportedOnce)
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(rig.Count(STREAM_SENDER_EXCEPTION), 1);
     EXPECT_EQ(log.Count("socket exception!"), 1);
+    // The sender holds no descriptor of its own: closing the failed socket leaves
+    // none behind.
+    const int fds = Qelvar::Test::OpenFds();
+    pair.client.Close();
+    if (fds >= 0) {
+        EXPECT_EQ(Qelvar::Test::OpenFds(), fds - 1);
+    }
 }
 
 TEST_F(StreamSenderTest, SimulatedLinkDrainsAtItsBandwidth)
