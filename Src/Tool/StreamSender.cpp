@@ -33,16 +33,10 @@ namespace {
 // that no queue lock of a pool is ever taken inside it.
 class COutbox {
 public:
-    void Add(long to, unsigned int type, long attach)
-    {
-        if (m_count < kInline) m_inline[m_count] = {to, type, attach};
-        else m_more.push_back({to, type, attach});
-        ++m_count;
-    }
+    void Add(long to, unsigned int type, long attach) { m_notices.push_back({to, type, attach}); }
     void Post(long from) const
     {
-        for (std::size_t i = 0; i < m_count && i < kInline; ++i) post(from, m_inline[i]);
-        for (const SNotice& n : m_more) post(from, n);
+        for (const SNotice& n : m_notices) CMessage::Notify(from, n.to, n.type, n.attach, false);
     }
 
 private:
@@ -51,12 +45,8 @@ private:
         unsigned int type;
         long attach;
     };
-    static void post(long from, const SNotice& n) { CMessage::Notify(from, n.to, n.type, n.attach, false); }
-
-    static constexpr std::size_t kInline = 8;
-    SNotice m_inline[kInline];
-    std::vector<SNotice> m_more;
-    std::size_t m_count = 0;
+    // Empty, and so not allocated, on the path that notifies nobody.
+    std::vector<SNotice> m_notices;
 };
 
 // Calls `op` with the socket as its own class, chosen by the type recorded at Attach.
@@ -331,12 +321,7 @@ int CStreamSender::handle_output(int handle)
 
 int CStreamSender::handle_close(CNetHandler*)
 {
-    {
-        std::lock_guard<Fundel::CMutex> lock(m_data->m_mutex);
-        m_data->m_stream = nullptr;
-        m_data->m_sock_type = SOCK_TYPE_BARE;
-        m_data->m_owner = nullptr;
-    }
+    // The queue and its blocks go with the object; the socket is never the sender's.
     delete this;
     return 0;
 }

@@ -21,14 +21,7 @@
 
 using namespace std::chrono_literals;
 using namespace Qelvar::Corvane;
-using Qelvar::Test::AssertCapture;
-using Qelvar::Test::CapturedLog;
-using Qelvar::Test::eventually;
-using Qelvar::Test::LogCapture;
-using Qelvar::Test::Pattern;
-using Qelvar::Test::PoolScope;
-using Qelvar::Test::registered_mask;
-using Qelvar::Test::SenderRig;
+using namespace Qelvar::Test;
 
 namespace {
 
@@ -60,7 +53,7 @@ struct Pair {
 class SlowReader {
 public:
     SlowReader(CSockStream& sock, std::size_t expect)
-        : m_thread([this, &sock, expect] { Qelvar::Test::ReadSlowly(sock, 200000, expect, m_got); })
+        : m_thread([this, &sock, expect] { ReadSlowly(sock, 200000, expect, m_got); })
     {
     }
     ~SlowReader() { Join(); }
@@ -238,10 +231,10 @@ TEST_F(StreamSenderTest, PeerResetIsReportedOnce)
     EXPECT_EQ(log.Count("socket exception!"), 1);
     // The sender holds no descriptor of its own: closing the failed socket leaves
     // none behind.
-    const int fds = Qelvar::Test::OpenFds();
+    const int fds = OpenFds();
     pair.client.Close();
     if (fds >= 0) {
-        EXPECT_EQ(Qelvar::Test::OpenFds(), fds - 1);
+        EXPECT_EQ(OpenFds(), fds - 1);
     }
 }
 
