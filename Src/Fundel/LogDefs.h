@@ -128,6 +128,19 @@ constexpr FixedText<N + 2> source_path(const char (&file)[N])
         }                                                                                          \
     } while (0)
 
+/// A log line under an explicit source path: for classes whose lines carry the path of
+/// the file they once shared with another class.
+#define FUNDEL_LOG_AT(module, path, level, ...)                                                    \
+    do {                                                                                           \
+        const int fundel_level_ = (level);                                                         \
+        if (fundel_level_ <= ::Qelvar::Fundel::GetLogLevel()) {                                    \
+            static constexpr auto fundel_fn_ =                                                     \
+                ::Qelvar::Fundel::detail::function_name(__PRETTY_FUNCTION__);                      \
+            ::Qelvar::Fundel::logFilter(fundel_level_, module, path, fundel_fn_.c_str(), __LINE__, \
+                                        __VA_ARGS__);                                              \
+        }                                                                                          \
+    } while (0)
+
 /// Log lines of the framework and of the base library.
 #define CVN_LOG(level, ...) FUNDEL_LOG_MODULE("Corvane", level, __VA_ARGS__)
 #define FDL_LOG(level, ...) FUNDEL_LOG_MODULE("Fundel", level, __VA_ARGS__)

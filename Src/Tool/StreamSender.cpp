@@ -2,12 +2,7 @@
 
 #include <Corvane/Config.h>
 #include <Corvane/R3.h>
-#include <Corvane/SimulatorStream.h>
-#include <Corvane/SockStream.h>
-#if CORVANE_HAVE_TLS
-#include <Corvane/SslAsyncStream.h>
-#include <Corvane/SslStream.h>
-#endif
+#include <Corvane/Sock.h>
 
 #include <algorithm>
 #include <atomic>
@@ -24,6 +19,7 @@
 #include "Fundel/Mutex.h"
 #include "Tool/MediaTrace.h"
 #include "Tool/SendQueue.h"
+#include "Tool/SockWrite.h"
 
 namespace Qelvar::Corvane {
 
@@ -49,26 +45,10 @@ private:
     std::vector<SNotice> m_notices;
 };
 
-// Calls `op` with the socket as its own class, chosen by the type recorded at Attach.
-template <class F>
-int with_stream(CSock* sock, unsigned int type, F&& op)
+// The queue writes to stream sockets only.
+int stream_result(int n)
 {
-    switch (type) {
-    case SOCK_TYPE_STREAM:
-        return op(*static_cast<CSockStream*>(sock));
-    case SOCK_TYPE_SIMULATOR:
-        return op(*static_cast<CSimulatorStream*>(sock));
-#if CORVANE_HAVE_TLS
-    case SOCK_TYPE_SSL:
-        return op(*static_cast<CSslStream*>(sock));
-    case SOCK_TYPE_SSL_ASYNC:
-        // Type 8 is an acceptor's type too: only the stream carries data.
-        if (auto* stream = dynamic_cast<CSslAsyncStream*>(sock)) return op(*stream);
-        break;
-#endif
-    default:
-        break;
-    }
+    if (n != kNotWritable) return n;
     FUNDEL_ASSERT_TEXT(false, "m_sock_type is a stream type (1, 3, 4 or 8)");
     return -1;
 }
@@ -279,7 +259,7 @@ int CStreamSender::Put(const char* data, unsigned int len)
             queue.Append(data, len, 0);
             return 0;
         }
-        const int sent = with_stream(d.m_stream, d.m_sock_type, [&](auto& s) { return s.Send(data, len); });
+        const int sent = stream_result(sock_send(d.m_stream, d.m_sock_type, data, len, false));
         if (sent < 0) {
             d.report_exception(out, this, "CStreamSender::Put", __LINE__);
             result = -1;
@@ -304,7 +284,7 @@ int CStreamSender::handle_output(int handle)
         if (!queue.Empty() && !d.m_failed) {
             const int count = queue.Gather();
             const iovec* vec = queue.Vector();
-            const int n = with_stream(d.m_stream, d.m_sock_type, [&](auto& s) { return s.WriteV(vec, count); });
+            const int n = stream_result(sock_writev(d.m_stream, d.m_sock_type, vec, count, false));
             if (n > 0) {
                 queue.Consume(static_cast<unsigned int>(n));
                 d.check_buffer_free(out);

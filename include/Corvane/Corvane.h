@@ -10,6 +10,10 @@
 #include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 #include <Corvane/IoVec.h>
+#include <Corvane/Level2Buffer.h>
+#include <Corvane/MediaBuffer.h>
+#include <Corvane/MediaPacket.h>
+#include <Corvane/MediaStreamSender.h>
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetCheckManager.h>
 #include <Corvane/NetThread.h>
