@@ -1,14 +1,15 @@
 # shellcheck shell=bash
-# Sourced by run-demo, run-tests and bench/run: the Debian/Ubuntu packages a build needs, and the
-# step that installs the missing ones with apt.
+# Sourced by run-demo, run-tests, bench/run and bench/fanout/run: the Debian/Ubuntu packages
+# a build needs, and the step that installs the missing ones with apt.
 # shellcheck disable=SC2034 # the lists are used by the scripts that source this file
 
 # Native build, the test suites and the benchmarks: OpenSSL 3 for TLS and the openssl
 # command its tests talk to; telnet, driven by expect, is the console tests' real client;
 # googletest is the source tree under /usr/src/googletest that the Windows cross build
-# compiles.
+# compiles; the media relay test (tests/relay) encodes with ffmpeg's libx264, decodes with
+# ffmpeg and ffprobe, and reads slowly with python3.
 CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl telnet expect
-                       libgtest-dev libgmock-dev googletest libbenchmark-dev)
+                       libgtest-dev libgmock-dev googletest libbenchmark-dev ffmpeg python3)
 # The Windows cross build and Wine to run its programs.
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
 # The fuzz stage: clang and its libFuzzer and sanitizer runtimes.
@@ -17,6 +18,11 @@ CORVANE_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 # see a server listen, taskset to pin it; strace for its --syscalls mode.
 CORVANE_BENCH_PACKAGES=(libevent-dev libuv1-dev libasio-dev iproute2 util-linux)
 CORVANE_STRACE_PACKAGES=(strace)
+# The media fan-out benchmark (bench/fanout/run): GStreamer's gst-launch-1.0 and the elements
+# its pipeline uses (tcpserversrc/tcpserversink in plugins-base, h264parse in plugins-bad),
+# ffmpeg with libx264 to make the H.264 streams, ss and taskset.
+CORVANE_FANOUT_PACKAGES=(gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+                         gstreamer1.0-plugins-bad ffmpeg iproute2 util-linux)
 
 # Installs whichever of the named packages is not installed yet; does nothing (and needs
 # no network) when all are there. Uses sudo when not run as root.

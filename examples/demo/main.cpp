@@ -2,13 +2,15 @@
 // object id across the pools, serial messages, periodic timers, the reactor's echo
 // server driven by clients over loopback, a TLS echo whose second connection resumes
 // the first one's session, its own report sent many times over through a send queue
-// to a slow reader, and a clean shutdown in which every handler is released. It prints
-// what happened and how fast.
+// to a slow reader, a generated media stream fanned out to several receivers (one of
+// them slow, resuming at key frames after losing frames to aging), and a clean shutdown
+// in which every handler is released. It prints what happened and how fast.
 //
 //   corvane_demo [--seconds S] [--pairs N] [--timers T] [--clients C]
 #include <Corvane/Corvane.h>
 
 #include "../echo_server/EchoServer.h"
+#include "FanoutRun.h"
 #include "SlowReaderRun.h"
 #if CORVANE_HAVE_TLS
 #include "../tls_echo/TlsEcho.h"
@@ -303,6 +305,45 @@ bool tls_round_trips()
 #endif
 }
 
+// A generated stream through a media buffer to fast receivers and a slow one.
+bool fanout()
+{
+    const Fanout::SResult r = Fanout::Run();
+    if (r.frames == 0) {
+        for (const std::string& f : r.failures) say("  fan-out FAILED: %s\n", f.c_str());
+        return false;
+    }
+    std::string fast;
+    bool all_fast = true, fast_key = true, fast_whole = true;
+    for (int i = 0; i < Fanout::kSlow; ++i) {
+        const Fanout::SReceiverReport& rep = r.receivers[static_cast<std::size_t>(i)];
+        if (i) fast += '/';
+        fast += std::to_string(rep.frames);
+        all_fast = all_fast && rep.frames == r.frames;
+        fast_key = fast_key && rep.first_key;
+        fast_whole = fast_whole && rep.whole;
+    }
+    fast = (all_fast ? "all " : fast + " of ") + std::to_string(r.frames);
+    const Fanout::SReceiverReport& slow = r.receivers[Fanout::kSlow];
+    const std::string resumed = slow.gaps_at_key == slow.gaps
+                                    ? "each resumed at a key frame"
+                                    : std::to_string(slow.gaps_at_key) + " resumed at a key frame";
+    const std::string released =
+        r.released_once == r.packets
+            ? std::to_string(r.packets) + " packets released once each"
+            : std::to_string(r.released_once) + " of " + std::to_string(r.packets) + " packets released once";
+    say("  fan-out: %d frames at %d fps (%d packets, %.0f KiB) to %d receivers in %.2f s; %d fast ones got %s%s, %s; "
+        "the slow one (%d bytes every %d ms) got %d%s, %s, skipping %d in %d gaps, %s; %llu frames aged out, "
+        "at most %.0f KiB buffered; %s\n",
+        r.frames, r.fps, r.packets, static_cast<double>(r.bytes) / 1024, Fanout::kReceivers, r.put_seconds,
+        Fanout::kSlow, fast.c_str(), fast_key ? " from a key frame" : "", fast_whole ? "byte-exact" : "NOT byte-exact",
+        r.slow_chunk, r.slow_pause_ms, slow.frames, slow.first_key ? " from a key frame" : "",
+        slow.whole ? "byte-exact" : "NOT byte-exact", slow.skipped, slow.gaps, resumed.c_str(),
+        static_cast<unsigned long long>(r.aged_frames), static_cast<double>(r.peak_buffered) / 1024, released.c_str());
+    for (const std::string& f : r.failures) say("  fan-out FAILED: %s\n", f.c_str());
+    return r.ok();
+}
+
 bool parse(int argc, char** argv, Settings& s)
 {
     for (int i = 1; i < argc; ++i) {
@@ -412,6 +453,7 @@ int main(int argc, char** argv)
     const bool tls_ok = tls_round_trips();
     // The report so far, many times over, through a send queue to a slow reader.
     const bool sender_ok = SlowReader::Run(g_report, 600);
+    const bool fanout_ok = fanout();
 
     // Clean shutdown: every handler is closed and released before the pools go.
     for (auto* p : players) p->Close();
@@ -424,8 +466,8 @@ int main(int argc, char** argv)
     const int destroyed = CNetThread::DestroyThreadPool();
     say("  shutdown: %d handlers closed, %d released, pools destroyed (%s)\n", handlers, released,
                 destroyed == 0 ? "ok" : "failed");
-    const bool ok =
-        all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 && tcp_ok && tls_ok && sender_ok;
+    const bool ok = all_released && destroyed == 0 && serial_received == kSerialMessages && serial_disordered == 0 &&
+                    tcp_ok && tls_ok && sender_ok && fanout_ok;
     std::printf("%s\n", ok ? "clean shutdown" : "shutdown FAILED");
     return ok ? 0 : 1;
 }

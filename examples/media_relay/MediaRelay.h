@@ -1,0 +1,243 @@
+// A live H.264 relay on the Corvane reactor, in two handlers around one CMediaBuffer:
+//   CRelayInput   reads the producer's Annex-B byte stream (one TCP connection at a time,
+//                 or UDP datagrams) and puts it into the buffer, a frame per picture.
+//   CRelayOutput  accepts receivers; each gets a CMediaStreamSender on its socket, which
+//                 starts it at a key frame and drops whole frames when it falls behind.
+// Both delete themselves in handle_close once the framework releases them.
+#pragma once
+
+#include <Corvane/Corvane.h>
+#include <Corvane/MediaBuffer.h>
+#include <Corvane/MediaStreamSender.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <type_traits>
+#include <vector>
+
+#include "AnnexB.h"
+
+namespace Relay {
+
+using namespace Qelvar::Corvane;
+
+class CRelayInput : public CNetHandler {
+public:
+    CRelayInput(CMediaBuffer& buffer, SRelayStats& stats) : m_stats(stats), m_cutter(buffer, stats), m_read(64 * 1024) {}
+
+    /// Listens for producers (TCP) or receives datagrams (UDP) on `local`. 0 or -1.
+    int Start(const CSockAddr& local, bool udp)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (udp) return m_dgram.Open(&local) == 0 ? RegisterSock(m_dgram, MASK_READ, 0) : -1;
+        return m_acceptor.Open(local, false) == 0 ? RegisterSock(m_acceptor, MASK_READ, 0) : -1;
+    }
+
+    void Stop()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_producer.IsValid()) end_producer();
+            close_socket(m_acceptor);
+            close_socket(m_dgram);
+        }
+        Close();
+    }
+
+    int handle_input(int handle) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_acceptor.IsValid() && handle == m_acceptor.GetHandle()) {
+            accept_producers();
+        } else if (m_producer.IsValid() && handle == m_producer.GetHandle()) {
+            read(m_producer);
+        } else if (m_dgram.IsValid() && handle == m_dgram.GetHandle()) {
+            read(m_dgram);
+        }
+        return 0;
+    }
+
+    int handle_close(CNetHandler*) override
+    {
+        delete this;
+        return 0;
+    }
+
+private:
+    void accept_producers()
+    {
+        CSockStream accepted;
+        while (m_acceptor.Accept(accepted, nullptr) == 0) {
+            // Two producers would interleave two streams: the first keeps the input.
+            if (m_producer.IsValid()) {
+                accepted.Close();
+                continue;
+            }
+            m_producer.Attach(accepted.Detach());
+            if (RegisterSock(m_producer, MASK_READ, 0) != 0) end_producer();
+        }
+    }
+
+    template <class TSock>
+    void read(TSock& sock)
+    {
+        // Bounded, so one busy producer cannot hold a reactor thread; the socket stays
+        // readable and comes back.
+        for (int reads = 0; reads < 64; ++reads) {
+            int n = 0;
+            if constexpr (std::is_same_v<TSock, CSockDgram>) {
+                n = sock.Recv(m_read.data(), static_cast<unsigned int>(m_read.size()), nullptr);
+                if (n < 0) return;  // a refusal reported on the socket; datagrams go on
+            } else {
+                n = sock.Recv(m_read.data(), static_cast<unsigned int>(m_read.size()));
+                if (n < 0) return end_producer();
+            }
+            if (n == 0) return m_cutter.Drained();
+            m_cutter.Feed(m_read.data(), static_cast<std::size_t>(n));
+        }
+    }
+
+    void end_producer()
+    {
+        m_cutter.End();
+        close_socket(m_producer);
+        m_stats.producers_ended.fetch_add(1);
+    }
+
+    void close_socket(CSock& sock)
+    {
+        if (!sock.IsValid()) return;
+        RemoveSock(sock);
+        sock.Close();
+    }
+
+    SRelayStats& m_stats;
+    std::mutex m_mutex;  // the sockets and the cutter, whichever socket called
+    CAccessUnitCutter m_cutter;
+    std::vector<char> m_read;
+    CSockAcceptor m_acceptor;
+    CSockStream m_producer;
+    CSockDgram m_dgram;
+};
+
+class CRelayOutput : public CNetHandler {
+public:
+    CRelayOutput(CMediaBuffer& buffer, SRelayStats& stats) : m_buffer(buffer), m_stats(stats) {}
+
+    /// Listens for receivers on `local`. 0 or -1.
+    int Start(const CSockAddr& local)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_acceptor.Open(local, false) == 0 ? RegisterSock(m_acceptor, MASK_READ, 0) : -1;
+    }
+
+    /// Detaches and closes every receiver and stops accepting.
+    void Stop()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            while (!m_receivers.empty()) drop(m_receivers.size() - 1);
+            if (m_acceptor.IsValid()) {
+                RemoveSock(m_acceptor);
+                m_acceptor.Close();
+            }
+        }
+        Close();
+    }
+
+    int handle_input(int handle) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_acceptor.IsValid() && handle == m_acceptor.GetHandle()) {
+            CSockStream accepted;
+            while (m_acceptor.Accept(accepted, nullptr) == 0) add(accepted);
+            return 0;
+        }
+        // Receivers have nothing to say: reading only tells that they left. What a chatty
+        // one sends is dropped, a read at a time.
+        for (std::size_t i = 0; i < m_receivers.size(); ++i) {
+            if (m_receivers[i]->stream.GetHandle() != handle) continue;
+            char discard[4096];
+            if (m_receivers[i]->stream.Recv(discard, sizeof discard) < 0) drop(i);
+            break;
+        }
+        return 0;
+    }
+
+    /// A sender's socket failed (it names itself as `from_id`).
+    int handle_message(long from_id, unsigned int type, long) override
+    {
+        if (type != MEDIA_SENDER_EXCEPTION) return 0;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (std::size_t i = 0; i < m_receivers.size(); ++i) {
+            if (m_receivers[i]->sender->GetID() == from_id) {
+                drop(i);
+                break;
+            }
+        }
+        return 0;
+    }
+
+    int handle_close(CNetHandler*) override
+    {
+        delete this;
+        return 0;
+    }
+
+private:
+    // The sender keeps a pointer to the stream: each receiver stays where it was made.
+    struct SReceiver {
+        CSockStream stream;
+        CMediaStreamSender* sender = nullptr;
+    };
+
+    void add(CSockStream& accepted)
+    {
+        auto receiver = std::make_unique<SReceiver>();
+        receiver->stream.Attach(accepted.Detach());
+        receiver->stream.SetSockNoDelay(true);
+        // Left alone, the kernel grows the send buffer of a receiver that falls behind to
+        // megabytes, and the lag hides there, seconds of it, where no frame can be dropped.
+        // Kept small, the lag stays in the media buffer, which drops whole frames.
+        receiver->stream.SetSockSendBuf(kSendBufferBytes);
+        receiver->sender = CMediaStreamSender::Create();
+        if (!receiver->sender || receiver->sender->Attach(&receiver->stream) != 0 ||
+            RegisterSock(receiver->stream, MASK_READ, 0) != 0) {
+            if (receiver->sender) receiver->sender->Close();
+            receiver->stream.Close();
+            return;
+        }
+        receiver->sender->WaitException(GetID());
+        SRelayStats& stats = m_stats;
+        receiver->sender->AttachSendProc([&stats](CMediaPacket*, int, int frame_bytes) {
+            stats.bytes_out.fetch_add(static_cast<std::uint64_t>(frame_bytes), std::memory_order_relaxed);
+        });
+        m_buffer.AddSender(receiver->sender);
+        m_receivers.push_back(std::move(receiver));
+        m_stats.receivers.store(static_cast<int>(m_receivers.size()));
+    }
+
+    void drop(std::size_t i)
+    {
+        SReceiver& receiver = *m_receivers[i];
+        // Once DelSender returns the buffer no longer writes to the socket.
+        m_buffer.DelSender(receiver.sender);
+        receiver.sender->Close();
+        RemoveSock(receiver.stream);
+        receiver.stream.Close();
+        m_receivers.erase(m_receivers.begin() + static_cast<std::ptrdiff_t>(i));
+        m_stats.receivers.store(static_cast<int>(m_receivers.size()));
+    }
+
+    static constexpr unsigned int kSendBufferBytes = 64 * 1024;
+
+    CMediaBuffer& m_buffer;
+    SRelayStats& m_stats;
+    std::mutex m_mutex;  // the acceptor and the receivers
+    CSockAcceptor m_acceptor;
+    std::vector<std::unique_ptr<SReceiver>> m_receivers;
+};
+
+}  // namespace Relay

@@ -1,0 +1,143 @@
+// A live H.264 relay: one producer in, any number of receivers out.
+//   media_relay [--port P] [--input tcp:PORT | udp:PORT] [--bind ADDR] [--tick MS]
+//               [--stats SEC] [--once] [--seconds S]
+// The producer sends an Annex-B elementary stream, for example
+//   ffmpeg -re -i in.mp4 -c copy -bsf:v h264_mp4toannexb -f h264 tcp://127.0.0.1:9000
+// and each receiver that connects to --port gets the same stream from its next key frame
+// on, e.g. ffplay -f h264 tcp://127.0.0.1:8554. Runs until interrupted, for S seconds, or
+// with --once until the first TCP producer has gone.
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "MediaRelay.h"
+
+namespace {
+
+using namespace Qelvar::Corvane;
+
+std::atomic<bool> g_stop{false};
+
+void on_signal(int)
+{
+    g_stop = true;
+}
+
+struct SOptions {
+    int port = 8554;
+    int input_port = 9000;
+    bool udp = false;
+    const char* bind = "127.0.0.1";
+    int tick_ms = 40;
+    double stats_s = 1;
+    bool once = false;
+    double seconds = 0;
+};
+
+bool parse(int argc, char** argv, SOptions& o)
+{
+    for (int i = 1; i < argc; ++i) {
+        const bool value = i + 1 < argc;
+        if (std::strcmp(argv[i], "--port") == 0 && value) o.port = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--bind") == 0 && value) o.bind = argv[++i];
+        else if (std::strcmp(argv[i], "--tick") == 0 && value) o.tick_ms = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--stats") == 0 && value) o.stats_s = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--seconds") == 0 && value) o.seconds = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--once") == 0) o.once = true;
+        else if (std::strcmp(argv[i], "--input") == 0 && value) {
+            const char* input = argv[++i];
+            o.udp = std::strncmp(input, "udp:", 4) == 0;
+            if (!o.udp && std::strncmp(input, "tcp:", 4) != 0) return false;
+            o.input_port = std::atoi(input + 4);
+        } else {
+            return false;
+        }
+    }
+    return o.port > 0 && o.port < 65536 && o.input_port > 0 && o.input_port < 65536 && o.tick_ms >= 0;
+}
+
+// The line another program parses: keep its format.
+void print_stats(CMediaBuffer& buffer, const Relay::SRelayStats& relay)
+{
+    const SMediaBufferStats stats = buffer.GetStats();
+    std::printf("relay: receivers=%d bytes_out=%llu frames_in=%llu aged_frames=%llu max_lag_bytes=%llu\n",
+                relay.receivers.load(), static_cast<unsigned long long>(relay.bytes_out.load()),
+                static_cast<unsigned long long>(relay.frames_in.load()),
+                static_cast<unsigned long long>(stats.aged_frames), static_cast<unsigned long long>(stats.max_lag));
+    std::fflush(stdout);
+}
+
+int run(const SOptions& o)
+{
+    CMediaBuffer buffer;
+    Relay::SRelayStats stats;
+    auto* input = new Relay::CRelayInput(buffer, stats);
+    auto* output = new Relay::CRelayOutput(buffer, stats);
+    const CSockAddrStorage input_addr(o.bind, static_cast<unsigned short>(o.input_port));
+    const CSockAddrStorage output_addr(o.bind, static_cast<unsigned short>(o.port));
+    if (input->Start(input_addr, o.udp) != 0 || output->Start(output_addr) != 0) {
+        std::fprintf(stderr, "cannot listen on %s port %d or %d\n", o.bind, o.input_port, o.port);
+        input->Stop();
+        output->Stop();
+        return 1;
+    }
+    // Without the tick a receiver blocked by a full socket waits for the next Put.
+    if (o.tick_ms > 0) buffer.EnableAutoSend(static_cast<std::uint64_t>(o.tick_ms));
+    std::printf("media_relay on %s: input %s port %d, receivers port %d\n", o.bind, o.udp ? "udp" : "tcp",
+                o.input_port, o.port);
+    std::fflush(stdout);
+
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    const auto stats_every = std::chrono::duration<double>(o.stats_s);
+    auto next_stats = start + stats_every;
+    auto input_gone = Clock::time_point::max();
+    while (!g_stop) {
+        const auto now = Clock::now();
+        if (o.seconds > 0 && now - start >= std::chrono::duration<double>(o.seconds)) break;
+        if (o.once && input_gone == Clock::time_point::max() && stats.producers_ended.load() > 0) input_gone = now;
+        // The producer has gone: receivers take what the buffer still holds, for 3 s at most.
+        if (input_gone != Clock::time_point::max() &&
+            (buffer.GetStats().max_lag == 0 || now - input_gone >= std::chrono::seconds(3))) {
+            break;
+        }
+        if (o.stats_s > 0 && now >= next_stats) {
+            print_stats(buffer, stats);
+            next_stats += std::chrono::duration_cast<Clock::duration>(stats_every);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+
+    input->Stop();
+    print_stats(buffer, stats);
+    output->Stop();
+    buffer.DisableAutoSend();
+    if (stats.missed_cuts.load() > 0) {
+        std::fprintf(stderr, "media_relay: %llu slices were longer than one read\n",
+                     static_cast<unsigned long long>(stats.missed_cuts.load()));
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    SOptions options;
+    if (!parse(argc, argv, options)) {
+        std::fprintf(stderr,
+                     "usage: %s [--port P] [--input tcp:PORT|udp:PORT] [--bind ADDR] [--tick MS] [--stats SEC] "
+                     "[--once] [--seconds S]\n",
+                     argv[0]);
+        return 2;
+    }
+    std::signal(SIGINT, on_signal);
+    std::signal(SIGTERM, on_signal);
+    if (CNetThread::CreateThreadPool(0x80000000u | 2) != 0) return 1;
+    const int rc = run(options);
+    CNetThread::DestroyThreadPool();
+    return rc;
+}

@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# The media relay against ffmpeg's own encoder and decoder: a generated H.264 stream goes
+# through corvane_media_relay on loopback to a receiver that joins mid-stream and to one
+# that reads at a quarter of the stream's rate. Whatever each receives must decode
+# without a single error, from a key frame on.
+#   relay_test.sh PATH_TO_corvane_media_relay
+# Exit 77 (skipped) without ffmpeg, ffprobe, libx264 or python3.
+set -euo pipefail
+
+relay=$1
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+for tool in ffmpeg ffprobe python3 timeout; do
+    if ! command -v "$tool" >/dev/null; then
+        echo "skipped: $tool is not installed (Debian packages ffmpeg, python3)"
+        exit 77
+    fi
+done
+# Whole output first: grep -q would leave ffmpeg writing to a closed pipe.
+encoders=$(ffmpeg -hide_banner -encoders 2>/dev/null || true)
+if [[ $encoders != *libx264* ]]; then
+    echo "skipped: this ffmpeg has no libx264 encoder"
+    exit 77
+fi
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    local pid
+    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+cd "$work"
+
+fail() {
+    echo "FAIL: $*"
+    for log in relay.out relay.err producer.err live.err copy.err slow.err; do
+        if [[ -s $log ]]; then
+            echo "--- $log"
+            tail -n 20 "$log"
+        fi
+    done
+    exit 1
+}
+
+# Frames of an H.264 file, one "key_frame,pict_type" line each, in display order.
+frames() {
+    # Side data (x264's SEI) adds fields and lines of its own: keep the two fields.
+    ffprobe -v error -select_streams v -show_frames -show_entries frame=key_frame,pict_type -of csv=p=0 "$1" |
+        grep -E '^[01],' | cut -d, -f1,2
+}
+
+# Two ports free now, asked for together so that they differ.
+read -r in_port out_port < <(python3 -c '
+import socket
+a, b = socket.socket(), socket.socket()
+a.bind(("127.0.0.1", 0)); b.bind(("127.0.0.1", 0))
+print(a.getsockname()[1], b.getsockname()[1])')
+
+# 8 s at 25 fps, a key frame every 25 frames, B-frames between the references.
+ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25 -t 8 -c:v libx264 -g 25 -bf 2 \
+    -pix_fmt yuv420p -f h264 gen.h264 || fail "ffmpeg could not generate the stream"
+gen_frames=$(frames gen.h264 | wc -l)
+rate=$(($(stat -c %s gen.h264) / 8))
+
+timeout 40 "$relay" --port "$out_port" --input "tcp:$in_port" --once --stats 1 >relay.out 2>relay.err &
+pids+=($!)
+for ((i = 0; i < 100; ++i)); do
+    grep -q '^media_relay on' relay.out && break
+    sleep 0.1
+done
+grep -q '^media_relay on' relay.out || fail "the relay did not start"
+
+timeout 30 ffmpeg -v error -re -i gen.h264 -c copy -f h264 "tcp://127.0.0.1:$in_port" 2>producer.err &
+pids+=($!)
+sleep 2
+
+# Joining mid-stream: one decodes as it goes, one keeps the bytes, one reads slowly.
+timeout 40 ffmpeg -v error -f h264 -i "tcp://127.0.0.1:$out_port" -f null - 2>live.err &
+live=$!
+timeout 40 ffmpeg -v error -f h264 -i "tcp://127.0.0.1:$out_port" -c copy -f h264 copy.h264 2>copy.err &
+copy=$!
+timeout 40 python3 "$here/slow_reader.py" "$out_port" slow.h264 $((rate / 4)) 35 2>slow.err &
+slow=$!
+pids+=("$live" "$copy" "$slow")
+
+wait "$live" || fail "the live decoder failed"
+wait "$copy" || fail "the copying receiver failed"
+wait "$slow" || fail "the slow reader failed"
+wait "${pids[0]}" || fail "the relay failed"
+
+[[ ! -s live.err ]] || fail "the live decoder reported errors"
+final=$(grep '^relay: ' relay.out | tail -n 1)
+echo "$final"
+[[ $final =~ ^relay:\ receivers=[0-9]+\ bytes_out=[0-9]+\ frames_in=([0-9]+)\ aged_frames=([0-9]+)\ max_lag_bytes=[0-9]+$ ]] ||
+    fail "no final stats line"
+frames_in=${BASH_REMATCH[1]}
+aged=${BASH_REMATCH[2]}
+# A slice longer than one read adds a frame (the relay says how many on stderr).
+missed=$(sed -n 's/^media_relay: \([0-9]*\) slices were longer than one read$/\1/p' relay.err)
+((frames_in - ${missed:-0} == gen_frames)) || fail "relay cut $frames_in frames, the stream has $gen_frames"
+
+# The receiver that kept up has every byte from the key frame it started at.
+copy_size=$(stat -c %s copy.h264)
+((copy_size > 0)) || fail "the copying receiver got nothing"
+tail -c "$copy_size" gen.h264 | cmp -s - copy.h264 || fail "the copy is not the end of the stream"
+[[ $(frames copy.h264 | head -n 1) == 1,I ]] || fail "the copy does not begin with a key frame"
+
+# The slow one lost whole frames and resumed at key frames: it decodes cleanly.
+slow_frames=$(frames slow.h264 | wc -l)
+copy_frames=$(frames copy.h264 | wc -l)
+echo "frames: stream $gen_frames, relayed $frames_in, copy $copy_frames, slow reader $slow_frames, aged $aged"
+((aged > 0 && slow_frames > 0 && slow_frames < copy_frames)) || fail "the slow reader did not fall behind"
+[[ $(frames slow.h264 | head -n 1) == 1,I ]] || fail "the slow reader's bytes do not begin with a key frame"
+ffmpeg -v error -i slow.h264 -f null - 2>slow-decode.err || fail "the slow reader's bytes do not decode"
+[[ ! -s slow-decode.err ]] || fail "decoding the slow reader's bytes: $(head -n 3 slow-decode.err)"
+echo "ok"
