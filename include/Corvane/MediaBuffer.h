@@ -105,7 +105,9 @@ public:
     void do_send();
 
     /// Forgets every sender and second-level consumer without telling them (with a log
-    /// line when there were any) and deletes every frame, releasing its packets.
+    /// line when there were any) and deletes every frame, releasing its packets; each
+    /// frame deleted is logged at level 3 (the destructor clears too, so a buffer always
+    /// logs at least the frame it was filling).
     void Clear();
 
 private:
