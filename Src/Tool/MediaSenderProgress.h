@@ -35,9 +35,7 @@ struct SMediaSenderProgress {
     std::int64_t m_remaining = 0;
     bool m_started = false;  ///< has begun at a key frame (a position of 0 is a valid start)
 
-    Fundel::CMutex m_mutex;  ///< guards the other data
-    char m_other_data[kOtherDataSize];
-    std::atomic<int> m_other_len{0};
+    std::atomic<int> m_other_len{0};  ///< bytes of other data waiting
 
     int m_block_count = 0;
     std::int64_t m_first_block_us = 0;
@@ -48,7 +46,13 @@ struct SMediaSenderProgress {
     /// after one puts its channel into key-wait there, not before: the frames between
     /// the sender and the gap are still whole and wanted.
     std::vector<std::pair<std::uint64_t, std::uint8_t>> m_gaps;
-    std::unique_ptr<SendProc> m_send_proc;
+    SendProc m_send_proc;  ///< empty when none
+
+    // Cold: touched only when other data is sent.
+    Fundel::CMutex m_mutex;  ///< guards the other data
+    /// Allocated by the first SendOtherData: the buffer walks every sender for every
+    /// frame, so a record stays a few cache lines.
+    std::unique_ptr<char[]> m_other_data;
 };
 
 }  // namespace Qelvar::Corvane

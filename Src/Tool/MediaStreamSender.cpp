@@ -95,13 +95,13 @@ void CMediaStreamSender::WaitException(long receiver_id)
 
 bool CMediaStreamSender::AttachSendProc(Fundel::TFunction3<void, CMediaPacket*, int, int> proc)
 {
-    m_progress->m_send_proc = std::make_unique<SMediaSenderProgress::SendProc>(std::move(proc));
-    return m_progress->m_send_proc != nullptr;
+    m_progress->m_send_proc = std::move(proc);
+    return true;
 }
 
 bool CMediaStreamSender::DetachSendProc()
 {
-    m_progress->m_send_proc.reset();
+    m_progress->m_send_proc = nullptr;
     return true;
 }
 
@@ -138,7 +138,8 @@ void CMediaStreamSender::SendOtherData(const char* data, int len)
     // What does not fit is dropped: control messages are small, and a receiver that lets
     // 4096 bytes of them pile up is not reading anyway.
     if (fill + len >= SMediaSenderProgress::kOtherDataSize + 1) return;
-    std::memcpy(p.m_other_data + fill, data, static_cast<std::size_t>(len));
+    if (!p.m_other_data) p.m_other_data = std::make_unique<char[]>(SMediaSenderProgress::kOtherDataSize);
+    std::memcpy(p.m_other_data.get() + fill, data, static_cast<std::size_t>(len));
     p.m_other_len.store(fill + len, std::memory_order_release);
 }
 
@@ -177,11 +178,12 @@ int check_other_data(CMediaStreamSender* self, SMediaSenderProgress& p)
     if (p.m_other_len.load(std::memory_order_acquire) == 0) return 0;
     std::lock_guard<Fundel::CMutex> lock(p.m_mutex);
     const int fill = p.m_other_len.load(std::memory_order_relaxed);
-    const int n = sock_send(p.m_stream, p.m_stream->GetType(), p.m_other_data, static_cast<unsigned int>(fill), true);
+    char* other = p.m_other_data.get();
+    const int n = sock_send(p.m_stream, p.m_stream->GetType(), other, static_cast<unsigned int>(fill), true);
     if (n == kNotWritable) {
         FUNDEL_ASSERT_TEXT(false, "m_stream->GetType() is 1, 2, 3, 4 or 8");
     } else if (n > 0) {
-        std::memmove(p.m_other_data, p.m_other_data + n, static_cast<std::size_t>(fill - n));
+        std::memmove(other, other + n, static_cast<std::size_t>(fill - n));
         p.m_other_len.store(fill - n, std::memory_order_release);
         p.m_block_count = 0;
         p.m_first_block_us = 0;
@@ -204,9 +206,7 @@ void frame_done(SMediaSenderProgress& p, CFrame* frame)
     frame->m_partial_bytes -= frame->m_frame_bytes;
     p.m_packet_index = 0;
     p.m_packet_offset = 0;
-    if (p.m_send_proc && *p.m_send_proc) {
-        (*p.m_send_proc)(frame->m_frame_info, frame->m_frame_info_len, static_cast<int>(frame->m_frame_bytes));
-    }
+    if (p.m_send_proc) p.m_send_proc(frame->m_frame_info, frame->m_frame_info_len, static_cast<int>(frame->m_frame_bytes));
 }
 
 // Makes `next` the frame being written (or none).
