@@ -24,6 +24,7 @@
 // are in cores: 1.0 is one core busy for the whole window; server_user is the share of
 // the server's time spent in user mode, the rest being the kernel's.)
 #include "Histogram.h"
+#include "ProcStat.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -56,6 +57,10 @@
 namespace {
 
 using EchoBench::Histogram;
+using EchoBench::MachineBusyTicks;
+using EchoBench::OwnCpuSeconds;
+using EchoBench::ProcessTicks;
+using EchoBench::Ticks;
 
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr std::uint64_t kPatternPeriod = 65521;  // prime, so messages do not repeat in step
@@ -412,58 +417,6 @@ int Connect(const Options& options, std::string& error)
         }
     }
     return fd;
-}
-
-/// CPU time of a process in clock ticks, from /proc/PID/stat; -1 each when unreadable.
-struct Ticks {
-    long long user = -1;
-    long long sys = -1;
-    bool Valid() const { return user >= 0 && sys >= 0; }
-};
-
-Ticks ProcessTicks(int pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(in, line)) {
-        return {};
-    }
-    // The command name is in parentheses and may hold spaces: count fields after it.
-    std::size_t close_paren = line.rfind(')');
-    if (close_paren == std::string::npos) {
-        return {};
-    }
-    std::istringstream fields(line.substr(close_paren + 2));
-    std::string field;
-    Ticks ticks;
-    for (int index = 3; fields >> field; ++index) {  // field 3 is the state
-        if (index == 14) {
-            ticks.user = std::stoll(field);
-        } else if (index == 15) {
-            ticks.sys = std::stoll(field);
-            break;
-        }
-    }
-    return ticks;
-}
-
-/// Busy ticks of the whole machine (user, nice, system, irq, softirq, steal).
-long long MachineBusyTicks()
-{
-    std::ifstream in("/proc/stat");
-    std::string cpu;
-    long long user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0,
-              steal = 0;
-    in >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal;
-    return user + nice + system + irq + softirq + steal;
-}
-
-double OwnCpuSeconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 /// What the main thread takes at each end of the window.
