@@ -392,14 +392,21 @@ TEST_F(MediaBufferTest, BadInputIsRefusedAndNothingLeaks)
     }
 
     // Second-level buffers see the level as given; one that answers negative leaves.
+    // The frame itself is stored at level 10, the lowest its channel has seen: a key
+    // frame, which a receiver of that channel starts at.
     Recorder keeps, leaves;
     leaves.limit = 2;
     buf.AddLevel2Buffer(&keeps);
     buf.AddLevel2Buffer(&leaves);
+    Receiver three;
+    ASSERT_TRUE(three.Make(owner.GetID()));
+    three.sender->SetSendChannel(3);
+    three.Join(buf);
     PutFrame(buf, 0, 900, 12, 3);
     EXPECT_EQ(keeps.levels, std::vector<int>(3, MediaLevel(12, 3)));
     EXPECT_EQ(leaves.levels.size(), 2u);
     EXPECT_EQ(keeps.bytes, 900);
+    EXPECT_EQ(Parse(three.Drain()).frames, std::vector<unsigned int>{0});
 
     // Channel 9 fails the assertion; the packet is still the buffer's to release.
     PutFrame(buf, 1, 300, 1, 9, 1);
