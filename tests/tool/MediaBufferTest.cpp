@@ -17,12 +17,13 @@
 #include <Corvane/MediaStreamSender.h>
 #include <Corvane/SockAcceptor.h>
 #include <Corvane/SockAddrIPv4.h>
+#include <Corvane/SockDgram.h>
 #include <Corvane/SockStream.h>
 
 #include "../core/Probe.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
-#include "SenderSupport.h"
+#include "MediaSupport.h"
 #include "TestSupport.h"
 
 using namespace std::chrono_literals;
@@ -30,90 +31,6 @@ using namespace Qelvar::Corvane;
 using namespace Qelvar::Test;
 
 namespace {
-
-std::atomic<int> g_live{0};      // packets not yet released
-std::atomic<int> g_overfree{0};  // Release calls beyond the one each packet is owed
-
-class Packet : public CMediaPacket {
-public:
-    explicit Packet(std::string bytes) : m_bytes(std::move(bytes)) { ++g_live; }
-    void Release() override
-    {
-        if (m_released.exchange(true)) {
-            ++g_overfree;
-            return;
-        }
-        --g_live;
-    }
-    char* GetBuffer() override { return m_bytes.data(); }
-
-private:
-    std::string m_bytes;
-    std::atomic<bool> m_released{false};
-};
-
-// Packets are kept alive until the end of the test, so a second Release is counted
-// instead of touching freed memory.
-std::vector<std::unique_ptr<Packet>> g_packets;
-
-// Frame n: a 12-byte header (n, size, level) then a pattern of its own, so a receiver
-// can tell which frames it got and whether each one is whole.
-std::string FrameBytes(unsigned int n, unsigned int size, int level)
-{
-    std::string f = Pattern(size, n + 1000);
-    std::memcpy(f.data(), &n, 4);
-    std::memcpy(f.data() + 4, &size, 4);
-    std::memcpy(f.data() + 8, &level, 4);
-    return f;
-}
-
-// Puts frame n in `packets` pieces, the mark on the last.
-void PutFrame(CMediaBuffer& buf, unsigned int n, unsigned int size, int level, int channel = 0, int packets = 3)
-{
-    const std::string f = FrameBytes(n, size, level);
-    const std::size_t piece = size / static_cast<unsigned int>(packets);
-    for (int i = 0; i < packets; ++i) {
-        const std::size_t off = piece * static_cast<std::size_t>(i);
-        const std::size_t len = i + 1 == packets ? size - off : piece;
-        g_packets.push_back(std::make_unique<Packet>(f.substr(off, len)));
-        buf.Put(g_packets.back().get(), static_cast<int>(len), i + 1 == packets ? 1 : 0, MediaLevel(level, channel));
-    }
-}
-
-// Splits a received stream into frame numbers; a frame that is not whole and exact (or
-// data that is not a frame) ends the parse with torn set.
-struct Parsed {
-    std::vector<unsigned int> frames;
-    std::vector<int> levels;
-    bool torn = false;
-    std::string rest;  // bytes that are not frames (other data)
-};
-
-Parsed Parse(const std::string& s, const std::string& marker = "")
-{
-    Parsed p;
-    std::size_t off = 0;
-    while (off < s.size()) {
-        if (!marker.empty() && s.compare(off, marker.size(), marker) == 0) {
-            p.rest += marker;
-            off += marker.size();
-            continue;
-        }
-        unsigned int n = 0, size = 0;
-        int level = 0;
-        if (s.size() - off < 12) return p.torn = true, p;
-        std::memcpy(&n, s.data() + off, 4);
-        std::memcpy(&size, s.data() + off + 4, 4);
-        std::memcpy(&level, s.data() + off + 8, 4);
-        if (size < 12 || s.size() - off < size || s.compare(off, size, FrameBytes(n, size, level)) != 0) {
-            return p.torn = true, p;
-        }
-        p.frames.push_back(n);
-        p.levels.push_back(level);
-        off += size;
-    }
-    return p;
-}
 
 // One receiver: `tx` non-blocking for the sender, `rx` blocking for the test, with small
 // socket buffers when asked so that writes stop part way.
@@ -330,6 +247,32 @@ TEST_F(MediaBufferTest, ChannelsAndOtherDataBetweenFrames)
     const Parsed pa = Parse(all.Drain(), big);
     EXPECT_EQ(pa.rest, big);
     EXPECT_EQ(pa.frames, (std::vector<unsigned int>{5}));
+}
+
+TEST_F(MediaBufferTest, ADatagramReceiverGetsAFrameADatagram)
+{
+    CMediaBuffer& buf = *buffer;
+    CSockDgram rx, tx;
+    CSockAddrIPv4 local("127.0.0.1", 0), bound;
+    ASSERT_EQ(rx.Open(&local), 0);
+    ASSERT_EQ(rx.GetLocalAddr(&bound), 0);
+    ASSERT_EQ(tx.Open(&local), 0);
+    ASSERT_EQ(tx.SetRemote(&bound), 0);
+    CMediaStreamSender* sender = CMediaStreamSender::Create();
+    ASSERT_EQ(sender->Attach(&tx), 0);
+    buf.AddSender(sender);
+    PutFrame(buf, 0, 1200, 1);
+    PutFrame(buf, 1, 900, 10, 0, 2);
+    std::string got;
+    char dgram[65536];
+    int count = 0;
+    for (int n; (n = rx.Recv_n(dgram, sizeof dgram, 500000)) > 0; ++count) got.append(dgram, static_cast<std::size_t>(n));
+    EXPECT_EQ(count, 2);
+    const Parsed p = Parse(got);
+    EXPECT_FALSE(p.torn);
+    EXPECT_EQ(p.frames, (std::vector<unsigned int>{0, 1}));
+    buf.DelSender(sender);
+    sender->Close();
 }
 
 TEST_F(MediaBufferTest, AReceiverThatResetsLeavesOnceAndTheOthersGetEveryByte)
