@@ -10,9 +10,7 @@
 
 using namespace std::chrono_literals;
 using Qelvar::Corvane::CNetThread;
-using Qelvar::Test::PoolScope;
-using Qelvar::Test::Probe;
-using Qelvar::Test::Signal;
+using namespace Qelvar::Test;
 
 // Serial messages of a pool are handled one at a time, in the order they were posted,
 // however many workers the pool has.

@@ -11,11 +11,7 @@
 
 using namespace std::chrono_literals;
 using Qelvar::Corvane::CNetThread;
-using Qelvar::Test::AssertCapture;
-using Qelvar::Test::LogCapture;
-using Qelvar::Test::PoolScope;
-using Qelvar::Test::Probe;
-using Qelvar::Test::Signal;
+using namespace Qelvar::Test;
 
 TEST(NetHandler, IdsAreNegativeCarryThePoolAndMessagesArriveOnTheOwnersPool)
 {

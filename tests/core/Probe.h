@@ -6,12 +6,16 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetThread.h>
+
+#include "Fundel/Time.h"
 
 namespace Qelvar::Test {
 
@@ -42,6 +46,26 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_cv;
     int m_count = 0;
+};
+
+/// Moments of callbacks, in microseconds since `start` (by default the construction).
+class Moments {
+public:
+    std::int64_t start = Fundel::CTime::getCurrentMicroSecond();
+    void Add()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_at.push_back(Fundel::CTime::getCurrentMicroSecond() - start);
+    }
+    std::vector<std::int64_t> Get()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_at;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::int64_t> m_at;
 };
 
 /// A probe on the stack waits in its destructor for its handle_close, once it was

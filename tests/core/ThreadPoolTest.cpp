@@ -6,6 +6,7 @@
 #include "Core/Multiplexer.h"
 #include "Core/ThreadPool.h"
 #include "Fundel/Time.h"
+#include "LoopbackPair.h"
 #include "Platform/Socket.h"
 #include "Probe.h"
 #include "TestSupport.h"
@@ -15,10 +16,7 @@ using Qelvar::Corvane::CMultiplexer;
 using Qelvar::Corvane::CNetThread;
 using Qelvar::Corvane::CThreadPool;
 using Qelvar::Fundel::CTime;
-using Qelvar::Test::LogCapture;
-using Qelvar::Test::PoolScope;
-using Qelvar::Test::Probe;
-using Qelvar::Test::Signal;
+using namespace Qelvar::Test;
 
 TEST(ThreadPool, ThreadCountRule)
 {
@@ -200,23 +198,29 @@ TEST(ThreadPool, CallbackWatchReportsALongCallback)
     CThreadPool::sm_daemon_wait_ms = 5000;
 }
 
-// Destroying the pools with handlers open neither hangs nor frees them; closing such a
-// handler afterwards still ends in its handle_close.
+// Destroying the pools with handlers open neither hangs nor frees them, nor closes the
+// sockets they registered; closing such a handler afterwards still ends in its
+// handle_close.
 TEST(ThreadPool, DestroyWithOpenHandlersDetachesThem)
 {
     LogCapture log(6);
     ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    LoopbackPair c;
+    ASSERT_TRUE(c.Make());
     Signal closed;
     auto* open = new Probe(0, &closed, true);
     auto* closing = new Probe(0, &closed, true);
     EXPECT_LT(open->SetTimer(10000), -101);
+    ASSERT_EQ(open->RegisterSock(c.server, Qelvar::Corvane::MASK_READ | Qelvar::Corvane::MASK_WRITE, 1000000), 0);
     closing->Close();
     ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
     EXPECT_TRUE(log.Contains("is still open while its thread pool 0 is destroyed"));
+    EXPECT_TRUE(c.client.IsValid());  // the descriptors are the owners'
     ASSERT_TRUE(closed.WaitFor(1));  // the closed one is released by the teardown at the latest
     EXPECT_EQ(open->GetID(), 0);
     open->Close();
     EXPECT_TRUE(closed.WaitFor(2));
     std::this_thread::sleep_for(10ms);
     EXPECT_EQ(closed.Count(), 2);
+    EXPECT_TRUE(log.Contains("some sockets registered on obj"));
 }

@@ -1,43 +1,19 @@
-// Handlers and helpers for the reactor tests: a handler whose socket callbacks forward
-// to functions, loopback stream pairs, and a look into the registry's records.
+// Helpers for the reactor tests: the core tests' probe (its socket callbacks forward
+// too), loopback stream pairs, and a look into the registry's records.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <memory>
-#include <thread>
-
-#include <Corvane/NetHandler.h>
-#include <Corvane/NetThread.h>
-#include <Corvane/SockAcceptor.h>
-#include <Corvane/SockAddrIPv4.h>
-#include <Corvane/SockStream.h>
+#include <mutex>
+#include <shared_mutex>
 
 #include "../core/Probe.h"
 #include "Core/ThreadPool.h"
+#include "LoopbackPair.h"
 #include "TestSupport.h"
 
 namespace Qelvar::Test {
 
-/// The reactor tests use the core tests' probe: its socket callbacks forward too.
-using SockProbe = Probe;
-
 /// A connected TCP pair over loopback: `client` blocking, `server` non-blocking.
-struct Connection {
-    Corvane::CSockAcceptor acceptor;
-    Corvane::CSockStream client;
-    Corvane::CSockStream server;
-
-    bool Make()
-    {
-        acceptor.SetBlockOpt(true);
-        client.SetBlockOpt(true);
-        Corvane::CSockAddrIPv4 local("127.0.0.1", 0), bound;
-        return acceptor.Open(local) == 0 && acceptor.GetLocalAddr(&bound) == 0 &&
-               client.Connect(bound, nullptr) == 0 && acceptor.Accept(server, nullptr) == 0;
-    }
-};
+using Connection = LoopbackPair;
 
 /// The mask of the registration of `fd` in pool `pool`; -1 when not registered.
 inline long long registered_mask(int pool, int fd)

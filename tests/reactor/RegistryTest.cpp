@@ -12,13 +12,7 @@
 
 using namespace std::chrono_literals;
 using namespace Qelvar::Corvane;
-using Qelvar::Test::Connection;
-using Qelvar::Test::eventually;
-using Qelvar::Test::LogCapture;
-using Qelvar::Test::PoolScope;
-using Qelvar::Test::registered_mask;
-using Qelvar::Test::Signal;
-using Qelvar::Test::SockProbe;
+using namespace Qelvar::Test;
 
 TEST(Registry, MasksMergeIntoOneRecordAndReachBothCallbacks)
 {
@@ -26,7 +20,7 @@ TEST(Registry, MasksMergeIntoOneRecordAndReachBothCallbacks)
     Connection c;
     ASSERT_TRUE(c.Make());
     Signal in, out, checked;
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int) {
         char buf[16];
         c.server.Recv(buf, sizeof buf);
@@ -60,14 +54,14 @@ TEST(Registry, OneSocketIsHandledByOneThreadAtATime)
     constexpr int kSockets = 16;
     constexpr int kBytes = 200000;
     std::vector<std::unique_ptr<Connection>> conns;
-    std::vector<std::unique_ptr<SockProbe>> handlers;
+    std::vector<std::unique_ptr<Probe>> handlers;
     std::atomic<int> inside[kSockets] = {};
     std::atomic<int> overlaps{0};
     std::atomic<long> received[kSockets] = {};
     for (int i = 0; i < kSockets; ++i) {
         conns.push_back(std::make_unique<Connection>());
         ASSERT_TRUE(conns[i]->Make());
-        handlers.push_back(std::make_unique<SockProbe>());
+        handlers.push_back(std::make_unique<Probe>());
         CSockStream& server = conns[i]->server;
         auto enter = [&, i] {
             if (inside[i].fetch_add(1) != 0) ++overlaps;
@@ -119,7 +113,7 @@ TEST(Registry, RemovalInsideACallbackWaitsForItAndCanBeCancelled)
     Signal in;
     std::atomic<long long> mask_during{0};
     std::atomic<int> removed_result{1};
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int fd) {
         char buf[16];
         c.server.Recv(buf, sizeof buf);
@@ -165,7 +159,7 @@ TEST(Registry, ExceptionalConditionsGoToHandleExceptionAlone)
     ASSERT_TRUE(c.Make());
     Signal exception;
     std::atomic<int> inputs{0};
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int) {
         ++inputs;
         return 0;
@@ -190,7 +184,7 @@ TEST(Registry, ProtectedRegistrationsRefuseOtherObjects)
     LogCapture log(6);
     Connection c;
     ASSERT_TRUE(c.Make());
-    SockProbe owner, other;
+    Probe owner, other;
     ASSERT_EQ(owner.RegisterSock(c.server, MASK_READ | MASK_PROTECT, 0), 0);
     EXPECT_EQ(other.RegisterSock(c.server, MASK_WRITE, 0), -1);
     EXPECT_TRUE(log.Contains("modify a protected socket event failed, socket:" + std::to_string(c.server.GetHandle())));
@@ -210,7 +204,7 @@ TEST(Registry, BadHandlesAndClosedObjects)
 {
     PoolScope scope;
     LogCapture log(6);
-    SockProbe h;
+    Probe h;
     CSockStream unopened;
     EXPECT_EQ(h.RegisterSock(unopened, MASK_READ, 0), -1);
     EXPECT_TRUE(log.Contains("RegisterSock sock fd error, fd: -1"));
@@ -242,7 +236,7 @@ TEST(Registry, EventsForAClosedObjectAreDropped)
     CNetThread::SetSockTrace(true);
     Signal closed;
     std::atomic<int> calls{0};
-    auto* h = new SockProbe(0, &closed, true);
+    auto* h = new Probe(0, &closed, true);
     h->on_input = [&](int) {
         ++calls;
         return 0;
@@ -263,7 +257,7 @@ TEST(Registry, CallbacksMayRegisterAndRemoveOtherSockets)
     Connection a, b;
     ASSERT_TRUE(a.Make() && b.Make());
     Signal got_b;
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int fd) {
         char buf[16];
         if (fd == a.server.GetHandle()) {
@@ -291,7 +285,7 @@ TEST(Registry, CheckSockWithdrawsWriteFromReadersAndRemovesTheRest)
     PoolScope scope;
     Connection a, b;
     ASSERT_TRUE(a.Make() && b.Make());
-    SockProbe h;
+    Probe h;
     ASSERT_EQ(h.RegisterSock(a.server, MASK_READ | MASK_WRITE, 0), 0);
     ASSERT_EQ(h.RegisterSock(b.server, MASK_WRITE, 0), 0);
     EXPECT_EQ(h.CheckSock(a.server), 0);
@@ -302,22 +296,6 @@ TEST(Registry, CheckSockWithdrawsWriteFromReadersAndRemovesTheRest)
     h.Close();
 }
 
-TEST(Registry, DestroyingThePoolsWithSocketsRegisteredIsSafe)
-{
-    LogCapture log(6);
-    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
-    Connection c;
-    ASSERT_TRUE(c.Make());
-    Signal closed;
-    auto* h = new SockProbe(0, &closed, true);
-    ASSERT_EQ(h->RegisterSock(c.server, MASK_READ | MASK_WRITE, 1000000), 0);
-    ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
-    EXPECT_TRUE(c.client.IsValid());  // the descriptors are the owners'
-    h->Close();  // detached by the teardown: released now
-    EXPECT_TRUE(closed.WaitFor(1));
-    EXPECT_TRUE(log.Contains("some sockets registered on obj"));
-}
-
 // A record found already queued is refused, not queued a second time.
 TEST(Registry, ARecordFoundQueuedTwiceIsRefused)
 {
@@ -326,7 +304,7 @@ TEST(Registry, ARecordFoundQueuedTwiceIsRefused)
     Connection c;
     ASSERT_TRUE(c.Make());
     Signal in;
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int) {
         in.Add();
         return 0;
@@ -358,7 +336,7 @@ TEST(Registry, APeerResetDuringACallbackIsSeenByTheNextOne)
     Connection c;
     ASSERT_TRUE(c.Make());
     Signal entered, reset, failed;
-    SockProbe h;
+    Probe h;
     h.on_input = [&](int) {
         entered.Add();
         reset.WaitFor(1);

@@ -34,14 +34,10 @@ bool open_loopback(CSockDgram& s, CSockAddr& bound)
     return s.Open(&local) == 0 && s.GetLocalAddr(&bound) == 0;
 }
 
-
 }  // namespace
 
-class DgramTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { ASSERT_EQ(Platform::sock_startup(), 0); }
-    static void TearDownTestSuite() { Platform::sock_cleanup(); }
-};
+// SocketEnvironment.cpp starts the socket library for the whole suite.
+using DgramTest = ::testing::Test;
 
 TEST_F(DgramTest, UnicastCarriesDatagramsAndTellsTheSenderInEveryAddressClass)
 {

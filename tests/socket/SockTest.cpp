@@ -12,8 +12,7 @@
 #include "TestSupport.h"
 
 using namespace Qelvar::Corvane;
-using Qelvar::Test::LogCapture;
-using Qelvar::Test::StreamPair;
+using namespace Qelvar::Test;
 
 namespace {
 
@@ -60,8 +59,9 @@ TEST(Sock, TlsTypesRefusePlainCloseButNotRealClose)
     odd.ForceHandle(-1);
 }
 
-// Two objects share one descriptor's status: the second close is refused without a
-// system call, so a number the system handed out again in between stays open.
+// Two objects share one descriptor's status, attached or copied: the second close is
+// refused without a system call, so a number the system handed out again in between
+// stays open.
 TEST(Sock, SharedDescriptorIsClosedOnce)
 {
     LogCapture log(6);
@@ -82,10 +82,8 @@ TEST(Sock, SharedDescriptorIsClosedOnce)
     EXPECT_TRUE(log.Contains("SockManager error! CSockStream::SetSockNoDelay failed!"));
     Qelvar::Platform::sock_close(reused);
     b.Detach();
-}
 
-TEST(Sock, CopiesShareTheStatusOfTheirDescriptor)
-{
+    // A copy shares its original's status the same way.
     StreamPair pair;
     ASSERT_TRUE(pair.Make());
     CSockStream copy(pair.client);

@@ -129,18 +129,6 @@ TEST_F(SslAsyncStreamTest, SilentServerEndsInTheUsersWriteTimeout)
     EXPECT_EQ(client.stream.GetConnectStatus(), -2);
 }
 
-TEST_F(SslAsyncStreamTest, UnconnectedStreamsRefuseRegistrationAndTransfers)
-{
-    LogCapture log;
-    AsyncClient client;
-    EXPECT_EQ(client.probe.RegisterSock(client.stream, MASK_WRITE, 0), -1);
-    EXPECT_TRUE(log.Contains("RegisterSock sock fd error, fd: -1"));
-    CSslX509 cert;
-    EXPECT_EQ(client.stream.GetPeerCert(&cert), -1);
-    char buf[4];
-    EXPECT_EQ(client.stream.Recv(buf, sizeof buf), -1);
-}
-
 TEST_F(SslAsyncStreamTest, ManyClientsHandshakeAtOnceWithoutLeaks)
 {
     constexpr int kClients = 12;

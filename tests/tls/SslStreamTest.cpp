@@ -78,6 +78,9 @@ TEST_F(SslStreamTest, BadArgumentsAndUnconnectedStreamsAreRefused)
     CSslX509 cert;
     EXPECT_EQ(stream.GetPeerCert(&cert), -1);
     EXPECT_EQ(stream.Close(), -1);  // a TLS stream closes with its object only
+    CSslAsyncStream async;
+    EXPECT_EQ(async.GetPeerCert(&cert), -1);
+    EXPECT_EQ(async.Recv(buf, sizeof buf), -1);
 
     const int fds = OpenFds();
     EXPECT_EQ(stream.Connect(CNoAddr(), nullptr), -1);
@@ -85,8 +88,10 @@ TEST_F(SslStreamTest, BadArgumentsAndUnconnectedStreamsAreRefused)
     EXPECT_EQ(OpenFds(), fds);
 }
 
+// Also: the acceptor's default handshake time-out is said once, then kept.
 TEST_F(SslStreamTest, SessionsResumeByAddressAndById)
 {
+    LogCapture log(4);
     ServerThread server(
         [](CSslAcceptor& a) {
             UseServerCert(a);
@@ -140,6 +145,8 @@ TEST_F(SslStreamTest, SessionsResumeByAddressAndById)
         EXPECT_EQ(RoundTrip(other, "five"), "five");
     }
     EXPECT_EQ(server.Join(), 5);
+    EXPECT_EQ(log.Count("will set the default 5s timeout!"), 1);  // then stored for the rest
+    EXPECT_EQ(log.Count("Setting the listening timeout to :5000ms!"), 4);
 }
 
 TEST_F(SslStreamTest, CertificateObjectsVerifyBothWays)
@@ -265,24 +272,6 @@ TEST_F(SslStreamTest, SilentAndGarbagePeersFailTheAcceptWithoutLeaks)
         EXPECT_EQ(silent.Recv_n(buf, sizeof buf, 1000000), -1);
     }
     EXPECT_EQ(OpenFds(), fds);
-}
-
-TEST_F(SslStreamTest, DefaultHandshakeTimeoutIsFiveSecondsAndLoggedOnce)
-{
-    LogCapture log(4);
-    ServerThread server(UseServerCert, Echo, 2);
-    {
-        CSslStream client;
-        ASSERT_EQ(client.Connect(server.Address(), nullptr), 0);
-        EXPECT_EQ(RoundTrip(client, "x"), "x");
-    }
-    {
-        CSslStream client;
-        ASSERT_EQ(client.Connect(server.Address(), nullptr), 0);
-    }
-    EXPECT_EQ(server.Join(), 2);
-    EXPECT_EQ(log.Count("will set the default 5s timeout!"), 1);
-    EXPECT_EQ(log.Count("Setting the listening timeout to :5000ms!"), 1);
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include <Corvane/MediaBuffer.h>
 #include <Corvane/MediaPacket.h>
 #include <Corvane/MediaStreamSender.h>
-#include <Corvane/SockAcceptor.h>
 #include <Corvane/SockAddrIPv4.h>
 #include <Corvane/SockDgram.h>
 #include <Corvane/SockStream.h>
@@ -23,6 +22,7 @@
 #include "../core/Probe.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "LoopbackPair.h"
 #include "MediaSupport.h"
 #include "TestSupport.h"
 
@@ -35,20 +35,15 @@ namespace {
 // One receiver: `tx` non-blocking for the sender, `rx` blocking for the test, with small
 // socket buffers when asked so that writes stop part way.
 struct Receiver {
-    CSockAcceptor acceptor;
-    CSockStream tx, rx;
+    LoopbackPair pair;
+    CSockStream& tx = pair.server;
+    CSockStream& rx = pair.client;
     CMediaStreamSender* sender = nullptr;
     std::string got;
 
     bool Make(long owner, unsigned int socket_bytes = 0)
     {
-        acceptor.SetBlockOpt(true);
-        rx.SetBlockOpt(true);
-        CSockAddrIPv4 local("127.0.0.1", 0), bound;
-        if (acceptor.Open(local) != 0 || (socket_bytes && acceptor.SetSockRecvBuf(socket_bytes) != 0) ||
-            acceptor.GetLocalAddr(&bound) != 0 || rx.Connect(bound, nullptr) != 0 || acceptor.Accept(tx, nullptr) != 0) {
-            return false;
-        }
+        if (!pair.Make(false, socket_bytes)) return false;
         tx.SetBlockOpt(false);
         if (socket_bytes && tx.SetSockSendBuf(socket_bytes) != 0) return false;
         sender = CMediaStreamSender::Create();

@@ -25,30 +25,6 @@ using namespace Qelvar::Test;
 
 namespace {
 
-// A loopback pair: `client` non-blocking, for the sender; `server` blocking, for the
-// reader. `socket_bytes` sizes the client's send and the server's receive buffer.
-struct Pair {
-    CSockAcceptor acceptor;
-    CSockStream client;
-    CSockStream server;
-
-    bool Make(unsigned int socket_bytes)
-    {
-        acceptor.SetBlockOpt(true);
-        client.SetBlockOpt(true);
-        CSockAddrIPv4 local("127.0.0.1", 0), bound;
-        // Set on the listener, so the window the connection starts with is small too.
-        if (acceptor.Open(local) != 0 || acceptor.SetSockRecvBuf(socket_bytes) != 0 ||
-            acceptor.GetLocalAddr(&bound) != 0 || client.Connect(bound, nullptr) != 0 ||
-            acceptor.Accept(server, nullptr) != 0) {
-            return false;
-        }
-        server.SetBlockOpt(true);
-        client.SetBlockOpt(false);
-        return client.SetSockSendBuf(socket_bytes) == 0;
-    }
-};
-
 // Reads `expect` bytes slowly on a thread.
 class SlowReader {
 public:
@@ -74,11 +50,16 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(pool.ok());
-        ASSERT_TRUE(pair.Make(4096));
+        // `client` non-blocking, for the sender; `server` blocking, for the reader. The
+        // listener's buffer is set too, so the window the connection starts with is small.
+        pair.server.SetBlockOpt(true);
+        ASSERT_TRUE(pair.Make(false, 4096));
+        pair.client.SetBlockOpt(false);
+        ASSERT_EQ(pair.client.SetSockSendBuf(4096), 0);
     }
 
     PoolScope pool;
-    Pair pair;
+    LoopbackPair pair;
     std::optional<CSimulatorStream> sim;  // before the rig, which may hold it
     SenderRig rig;
     CStreamSender& s = *rig.sender;
