@@ -7,6 +7,7 @@
 
 #include <Corvane/AddrRecord.h>
 #include <Corvane/Config.h>
+#include <Corvane/DefaultStorDev.h>
 #include <Corvane/EventMask.h>
 #include <Corvane/Export.h>
 #include <Corvane/IoVec.h>
@@ -17,6 +18,8 @@
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetCheckManager.h>
 #include <Corvane/NetThread.h>
+#include <Corvane/NFileInfo.h>
+#include <Corvane/NStorDev.h>
 #include <Corvane/QuicAcceptor.h>
 #include <Corvane/QuicStream.h>
 #include <Corvane/R3.h>

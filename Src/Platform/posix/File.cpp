@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <string>
+
 namespace Qelvar::Platform {
 
 std::FILE* open_private_file(const char* path)
@@ -18,6 +21,40 @@ std::FILE* open_private_file(const char* path)
     std::FILE* file = ::fdopen(fd, "w");
     if (!file) ::close(fd);
     return file;
+}
+
+std::FILE* open_file(const char* path, const char* mode)
+{
+    // glibc's "e" flag: the descriptor does not leak into programs the user starts.
+    const std::string with_cloexec = std::string(mode) + "e";
+    return std::fopen(path, with_cloexec.c_str());
+}
+
+int seek_file(std::FILE* file, std::int64_t offset, int whence)
+{
+    return ::fseeko(file, static_cast<off_t>(offset), whence) == 0 ? 0 : -1;
+}
+
+int stat_file(const char* path, SFileStatus* status)
+{
+    struct stat st {};
+    if (::stat(path, &st) != 0) return -1;
+    status->created = static_cast<std::int64_t>(st.st_ctime);
+    status->accessed = static_cast<std::int64_t>(st.st_atime);
+    status->modified = static_cast<std::int64_t>(st.st_mtime);
+    status->size = static_cast<std::int64_t>(st.st_size);
+    return 0;
+}
+
+const char* file_error_text(int err, char* buf, std::size_t size)
+{
+    // The GNU strerror_r may return a static text instead of filling buf.
+    const char* text = ::strerror_r(err, buf, size);
+    if (text != buf) {
+        std::strncpy(buf, text, size - 1);
+        buf[size - 1] = '\0';
+    }
+    return buf;
 }
 
 }  // namespace Qelvar::Platform
