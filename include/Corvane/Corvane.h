@@ -20,6 +20,8 @@
 #include <Corvane/NetThread.h>
 #include <Corvane/NFileInfo.h>
 #include <Corvane/NStorDev.h>
+#include <Corvane/NTimer.h>
+#include <Corvane/NTimerEvent.h>
 #include <Corvane/QuicAcceptor.h>
 #include <Corvane/QuicStream.h>
 #include <Corvane/R3.h>
