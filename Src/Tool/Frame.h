@@ -9,6 +9,12 @@ namespace Qelvar::Corvane {
 
 class CMediaPacket;
 
+/// The channel of a level word: bits 24-31 as a signed number (0..7 when valid).
+inline int level_channel(int level)
+{
+    return static_cast<int>(static_cast<std::int8_t>(static_cast<unsigned int>(level) >> 24));
+}
+
 /// The packets of one frame, in the order they were put, ending at the packet carrying
 /// the mark. m_vector is laid out as the system's gather vector, so a sender hands the
 /// tail of it straight to WriteV; m_packet holds the packets themselves, parallel to it.
@@ -30,7 +36,9 @@ public:
     /// Importance, 1..10.
     int Level() const { return m_level & 0xFFFFFF; }
     /// Channel, 0..7.
-    int Channel() const { return static_cast<int>(static_cast<std::int8_t>(static_cast<unsigned int>(m_level) >> 24)); }
+    int Channel() const { return level_channel(m_level); }
+    /// The channel's bit in the senders' channel masks.
+    std::uint8_t ChannelBit() const { return static_cast<std::uint8_t>(1u << (Channel() & 7)); }
     bool Complete() const { return m_last_mark == 1; }
 
     iovec* m_vector = nullptr;

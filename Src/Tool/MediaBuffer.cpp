@@ -50,6 +50,8 @@ struct SMediaBufferData {
     /// The frame a caught-up sender without a frame in hand resumes at.
     CFrame* frame_at(SMediaSenderProgress& p, std::int64_t tail_start);
     void delete_frame(CFrame* frame);
+    /// Bytes from the head up to the first empty frame.
+    std::uint64_t buffered_bytes() const;
 
     CFrame* m_frame_header = nullptr;
     CFrame* m_frame_tail = nullptr;
@@ -87,6 +89,15 @@ void SMediaBufferData::delete_frame(CFrame* frame)
 {
     --m_frame_count;
     delete frame;
+}
+
+std::uint64_t SMediaBufferData::buffered_bytes() const
+{
+    std::uint64_t size = 0;
+    for (CFrame* f = m_frame_header; f && f->m_frame_bytes >= 1; f = f->m_next) {
+        size += static_cast<std::uint64_t>(f->m_frame_bytes);
+    }
+    return size;
 }
 
 void SMediaBufferData::drop_complete_frames()
@@ -231,7 +242,7 @@ void SMediaBufferData::remark_all_frames()
         f->m_age = -100;
         ++m_aged_frames;
         m_aged_bytes += static_cast<std::uint64_t>(f->m_frame_bytes);
-        const auto channel_bit = static_cast<std::uint8_t>(1u << (f->Channel() & 7));
+        const std::uint8_t channel_bit = f->ChannelBit();
         for (CMediaStreamSender* s = m_sender_header; s; s = progress(s).m_next) {
             SMediaSenderProgress& p = progress(s);
             const bool behind = !p.m_started || (p.m_frame ? p.m_frame->m_serial < f->m_serial : p.m_position <= start);
@@ -333,7 +344,7 @@ int CMediaBuffer::put(CMediaPacket* packet, int len, int mark, int level, bool f
             packet->Release();
         }
         if (mark == 1) {
-            const int channel = static_cast<int>(static_cast<std::int8_t>(static_cast<unsigned int>(level) >> 24));
+            const int channel = level_channel(level);
             FUNDEL_ASSERT_TEXT(channel <= 7 && channel >= 0, "channel <= 7 && channel >= 0");
             const int c = channel & 7;
             const int frame_level = stored & 0xFFFFFF;
@@ -432,11 +443,7 @@ void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* buffer)
 std::uint64_t CMediaBuffer::GetBufferSize()
 {
     std::lock_guard<Fundel::CMutex> lock(m_data->m_mutex);
-    std::uint64_t size = 0;
-    for (CFrame* f = m_data->m_frame_header; f && f->m_frame_bytes >= 1; f = f->m_next) {
-        size += static_cast<std::uint64_t>(f->m_frame_bytes);
-    }
-    return size;
+    return m_data->buffered_bytes();
 }
 
 SMediaBufferStats CMediaBuffer::GetStats()
@@ -446,9 +453,7 @@ SMediaBufferStats CMediaBuffer::GetStats()
     const SMediaBufferData& d = *m_data;
     stats.byte_total = d.m_byte_total;
     stats.byte_discard = d.m_byte_discard;
-    for (CFrame* f = d.m_frame_header; f && f->m_frame_bytes >= 1; f = f->m_next) {
-        stats.buffered += static_cast<std::uint64_t>(f->m_frame_bytes);
-    }
+    stats.buffered = d.buffered_bytes();
     stats.frames = d.m_frame_count;
     stats.aged_frames = d.m_aged_frames;
     stats.aged_bytes = d.m_aged_bytes;

@@ -21,7 +21,7 @@ namespace {
 // key frame of its own. Meeting that key frame ends the wait.
 bool need_send(SMediaSenderProgress& p, const CFrame* frame)
 {
-    const auto mask = static_cast<std::uint8_t>(1u << (frame->Channel() & 7));
+    const std::uint8_t mask = frame->ChannelBit();
     if (p.m_key_wait & mask) {
         if (!(frame->m_key_mask & mask)) return false;
         p.m_key_wait = static_cast<std::uint8_t>(p.m_key_wait & ~mask);
@@ -45,7 +45,7 @@ CFrame* get_next_frame(SMediaSenderProgress& p, CFrame* f)
             });
         }
         if (f->m_valid == 1 && need_send(p, f)) return f;
-        if (f->m_valid != 1) p.m_key_wait = static_cast<std::uint8_t>(p.m_key_wait | (1u << (f->Channel() & 7)));
+        if (f->m_valid != 1) p.m_key_wait = static_cast<std::uint8_t>(p.m_key_wait | f->ChannelBit());
         p.m_position += f->m_frame_bytes;
     }
     return nullptr;
@@ -330,7 +330,6 @@ int CMediaStreamSender::GetTailPacket(char* buf, int len)
         frame_done(p, f);
         // The frame's sender reference stays as it is on this path, as it always has:
         // the caller is moving the receiver elsewhere.
-        p.m_frame = nullptr;
         CFrame* next = get_next_frame(p, f->m_next);
         p.m_frame = next;
         p.m_remaining = next ? next->m_frame_bytes : 0;

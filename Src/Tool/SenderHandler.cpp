@@ -11,18 +11,10 @@ namespace Qelvar::Corvane {
 
 namespace {
 
-enum : int { kMediaBuffer = 0 };
-
-struct SSenderEntry {
-    int kind;
-    void* object;
-    int active;
-};
-
 // The registered buffers and the handler, under one lock that a tick holds while it
 // calls the buffers: whoever unregisters waits for the tick to end.
 std::mutex g_mutex;
-std::vector<SSenderEntry> g_sender_list;
+std::vector<CMediaBuffer*> g_sender_list;
 CSenderHandler* g_handler = nullptr;
 
 }  // namespace
@@ -39,14 +31,14 @@ int CSenderHandler::Register(CMediaBuffer* buffer, std::uint64_t period_ms)
         }
         g_handler = handler;
     }
-    g_sender_list.push_back({kMediaBuffer, buffer, 1});
+    g_sender_list.push_back(buffer);
     return 0;
 }
 
 void CSenderHandler::Unregister(CMediaBuffer* buffer)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    std::erase_if(g_sender_list, [buffer](const SSenderEntry& e) { return e.object == buffer; });
+    std::erase(g_sender_list, buffer);
     if (g_sender_list.empty() && g_handler) {
         g_handler->Close();
         g_handler = nullptr;
@@ -58,9 +50,7 @@ long long CSenderHandler::handle_timeout(long)
     std::lock_guard<std::mutex> lock(g_mutex);
     // A handler closed while this tick waited for the lock has no buffers of its own.
     if (g_handler != this) return -1;
-    for (const SSenderEntry& e : g_sender_list) {
-        if (e.kind == kMediaBuffer && e.active) static_cast<CMediaBuffer*>(e.object)->do_send();
-    }
+    for (CMediaBuffer* buffer : g_sender_list) buffer->do_send();
     return 0;
 }
 
