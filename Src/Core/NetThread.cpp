@@ -2,6 +2,7 @@
 
 #include <Corvane/Config.h>
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -21,6 +22,7 @@
 #include "Debug/ConsoleDebug.h"
 #include "Fundel/LogDefs.h"
 #include "Platform/Thread.h"
+#include "Tool/StreamReceiverThread.h"
 
 #if CORVANE_HAVE_TLS
 #include <openssl/ssl.h>
@@ -86,12 +88,14 @@ void stop_reliable_udp_dispatcher()
 }
 
 // ...and these after the public pool.
-void start_stream_receivers(int)
+void start_stream_receivers(int count)
 {
+    CStreamReceiverThread::StartGroups(count);
 }
 
 void stop_stream_receivers()
 {
+    CStreamReceiverThread::StopGroups();
 }
 
 // TLS: OpenSSL's algorithms and error texts, then the process's ticket keys. OpenSSL
@@ -121,6 +125,20 @@ int start_file_threads()
     CFileThreadPool& files = CFileThreadPool::Instance();
     if (files.IsRunning()) return 0;
     return files.Start(2 * static_cast<unsigned int>(g_processors));
+}
+
+// Priorities 1, 64 and 127 with policy 0 or 1; anything else is logged against `function`.
+bool valid_priority(int priority, int policy, const char* function)
+{
+    if (priority != 1 && priority != 127 && priority != 64) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : Thread priority set error!\n", function);
+        return false;
+    }
+    if (policy != 0 && policy != 1) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : Thread policy set error!\n", function);
+        return false;
+    }
+    return true;
 }
 
 // Stores a time-out setting of the next pools; negative values are refused.
@@ -271,14 +289,7 @@ int CNetThread::DestroyPrivatePool(int index)
 
 int CNetThread::SetThreadPriority(int priority, int policy, int stack)
 {
-    if (priority != 1 && priority != 127 && priority != 64) {
-        CVN_LOG(Fundel::LOG_WARN, "%s : Thread priority set error!\n", "CNetThread::SetThreadPriority");
-        return -1;
-    }
-    if (policy != 0 && policy != 1) {
-        CVN_LOG(Fundel::LOG_WARN, "%s : Thread policy set error!\n", "CNetThread::SetThreadPriority");
-        return -1;
-    }
+    if (!valid_priority(priority, policy, "CNetThread::SetThreadPriority")) return -1;
     std::lock_guard<std::mutex> lock(g_mutex);
     g_settings.priority = priority;
     g_settings.policy = policy;
@@ -303,6 +314,35 @@ int CNetThread::SetRecvThreadNum(int num)
     CVN_LOG(Fundel::LOG_INFO, "%s :Set stream_receiver_thread number success, sm_streamrecv_thread_num:[%d]\n",
             "CNetThread::SetRecvThreadNum", g_streamrecv_thread_num);
     return 0;
+}
+
+int CNetThread::SetRecvThreadPriority(int priority, int policy, int stack)
+{
+    if (!valid_priority(priority, policy, "CNetThread::SetRecvThreadPriority")) return -1;
+    CStreamReceiverThread::SetPriority(priority, policy, stack < 0 ? 0 : stack);
+    return 0;
+}
+
+int CNetThread::SetRcvPriority(int priority)
+{
+    if (!valid_priority(priority, 0, "CNetThread::SetRcvPriority")) return -1;
+    CStreamReceiverThread::SetRcvPriority(priority);
+    return 0;
+}
+
+int CNetThread::SetRecvTickPeriod(int ms)
+{
+    if (ms < 1) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : tick period set error, period:%d ms!\n", "CNetThread::SetRecvTickPeriod", ms);
+        return -1;
+    }
+    CStreamReceiverThread::SetTickPeriod(static_cast<std::int64_t>(ms) * 1000);
+    return 0;
+}
+
+void CNetThread::SetRecvTrace(int on)
+{
+    CStreamReceiverThread::SetTrace(on);
 }
 
 int CNetThread::SetThreadTimeOut(int ms)

@@ -14,10 +14,12 @@
 #include <Corvane/Level2Buffer.h>
 #include <Corvane/MediaBuffer.h>
 #include <Corvane/MediaPacket.h>
+#include <Corvane/MediaStreamReceiver.h>
 #include <Corvane/MediaStreamSender.h>
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetCheckManager.h>
 #include <Corvane/NetThread.h>
+#include <Corvane/NFile.h>
 #include <Corvane/NFileInfo.h>
 #include <Corvane/NStorDev.h>
 #include <Corvane/NTimer.h>

@@ -48,6 +48,23 @@ public:
     /// processor). 0, or -1 for a value out of range.
     static int SetRecvThreadNum(int num);
 
+    /// Priority (1, 64 or 127), policy (0 or 1) and stack size (bytes, 0 default) of the
+    /// stream receiver threads, as for SetThreadPriority; they apply to the threads that
+    /// start afterwards (a thread starts with its first receiver). 0, or -1 (logged) for a
+    /// bad priority or policy.
+    static int SetRecvThreadPriority(int priority, int policy, int stack);
+
+    /// The priority alone of the stream receiver threads (1, 64 or 127). 0, or -1 (logged).
+    static int SetRcvPriority(int priority);
+
+    /// Tick of the stream receivers' receive threads in milliseconds (default 20). Read
+    /// when the library starts, so set it before. 0, or -1 (logged) below 1.
+    static int SetRecvTickPeriod(int ms);
+
+    /// Switches the stream receivers' trace lines on the telnet console on (non-zero) or
+    /// off (0, the default): one line before and after each receiver's hook.
+    static void SetRecvTrace(int on);
+
     /// Arms a watch on every callback of the next pools' threads: a callback running
     /// longer than `ms` milliseconds is reported by the pool's daemon. 0 (the default)
     /// switches the watch off. 0, or -1 for a negative value.
