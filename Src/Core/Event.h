@@ -1,7 +1,7 @@
 // The record that travels through every worker queue: a socket registration, a
-// message, a handler timer or one of the pool's tokens. All kinds share one layout so
-// that any of them can be queued and recycled through one reclaim pool, and a worker
-// tells them apart by the first field.
+// message, a handler timer, a file request or one of the pool's tokens. All kinds share
+// one layout so that any of them can be queued and recycled through one reclaim pool,
+// and a worker tells them apart by the first field.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +18,7 @@ enum EventKind : std::int64_t {
     EVENT_FREE = -1,             ///< in the reclaim pool
     EVENT_MESSAGE = -50,         ///< Notify / NotifyIO / close
     EVENT_SERIAL_MESSAGE = -51,  ///< NotifySerial; lives in the serial queue only
+    EVENT_FILE_REQUEST = -52,    ///< work for a file on the file threads (see FileRequest.h)
     EVENT_POLL_TOKEN = -75,      ///< the holder runs one poller wait
     EVENT_SERIAL_TOKEN = -76,    ///< the holder drains the serial queue
     EVENT_HEARTBEAT = -80,       ///< the daemon's proof that workers make progress

@@ -1,8 +1,10 @@
 #include "Core/FileThreadPool.h"
 
+#include <Corvane/NetHandler.h>
 #include <Corvane/TsMemory.h>
 
 #include "Core/CurrentObject.h"
+#include "Core/FileRequest.h"
 #include "Core/Message.h"
 #include "Core/ReclaimPool.h"
 #include "Fundel/LogDefs.h"
@@ -53,15 +55,31 @@ void CFileThreadPool::Stop()
 
 void CFileThreadPool::stop_threads(Threads& threads, CWorkQueue& queue)
 {
+    // The stop request of the file threads: Cancel ends each loop and Release wakes the
+    // threads that wait for a record.
     for (auto& thread : threads) thread->Cancel();
     queue.Release();
     for (auto& thread : threads) thread->Join();
     threads.clear();
     for (SEvent* r = queue.Detach(); r;) {
         SEvent* next = r->next;
-        CReclaimPool::sm_reclaim_pool.GiveBack(r);
+        r->next = nullptr;
+        // A file request left queued still runs, so no written byte and no close is lost;
+        // m_running is false by now, so whatever it posts runs here too.
+        if (r->m_key == EVENT_FILE_REQUEST) run_file_request(r);
+        else CReclaimPool::sm_reclaim_pool.GiveBack(r);
         r = next;
     }
+}
+
+void CFileThreadPool::run_file_request(SEvent* record)
+{
+    auto* target = reinterpret_cast<CFileRequest_IF*>(static_cast<std::intptr_t>(record->m_attach));
+    CNetHandler* object = target->request_object();
+    CCurrentObject::Set(object, object->GetID());
+    // The object may be gone after the call: only the thread's slot is touched then.
+    target->handle_file_request(record);
+    CCurrentObject::Clear();
 }
 
 bool CFileThreadPool::IsRunning()
@@ -87,6 +105,8 @@ void CFileThreadPool::thread_loop(Fundel::CThreadLite& thread, CWorkQueue& queue
         if (!record) continue;
         if (record->m_key == EVENT_MESSAGE) {
             CMessage::handle_message(record);
+        } else if (record->m_key == EVENT_FILE_REQUEST) {
+            run_file_request(record);
         } else {
             CVN_LOG(Fundel::LOG_FATAL, "this:%p Exist unexpected event, Please check it, key : [%lld]!\n",
                     static_cast<void*>(&queue), static_cast<long long>(record->m_key));

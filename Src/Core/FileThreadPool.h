@@ -1,5 +1,5 @@
-// The process-wide file threads: they take messages posted with NotifyIO (and, later,
-// file requests) from one queue and handle them off the network threads.
+// The process-wide file threads: they take messages posted with NotifyIO and file
+// requests (FileRequest.h) from one queue and handle them off the network threads.
 #pragma once
 
 #include <memory>
@@ -21,13 +21,15 @@ public:
     /// run already or a thread could not be made (those made are stopped again).
     int Start(unsigned int count);
 
-    /// Stops the threads and frees the records still queued.
+    /// Stops the threads. The file requests still queued then run in order on the
+    /// calling thread (queued writes reach their device, closes happen); the messages
+    /// still queued are dropped.
     void Stop();
 
     bool IsRunning();
 
     /// Queues a record for the file threads; false when they do not run (the record
-    /// stays the caller's).
+    /// stays the caller's: a file request is then run by the caller itself).
     bool Post(SEvent* record);
 
 private:
@@ -36,6 +38,7 @@ private:
     CFileThreadPool() = default;
     static void thread_loop(Fundel::CThreadLite& thread, CWorkQueue& queue);
     static void stop_threads(Threads& threads, CWorkQueue& queue);
+    static void run_file_request(SEvent* record);
 
     // Guards the members only, never a join: a message handled on a file thread may
     // post again while the threads are being stopped.
