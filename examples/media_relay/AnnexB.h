@@ -86,6 +86,9 @@ public:
         m_scan = 0;
     }
 
+    /// Access units put so far (the rest of a cut slice counts as one).
+    std::uint64_t AccessUnits() const { return m_units; }
+
     /// The producer has gone: what is pending is complete. Starts over for the next one.
     void End()
     {
@@ -170,7 +173,7 @@ private:
         m_last_level = level;
         m_level = 0;
         m_au_has_slice = false;
-        m_stats.frames_in.fetch_add(1, std::memory_order_relaxed);
+        count_unit();
     }
 
     // The rest of a slice that Drained() took for whole: a frame of its own, never a key
@@ -180,6 +183,12 @@ private:
         m_cut_on_drain = false;
         m_stats.missed_cuts.fetch_add(1, std::memory_order_relaxed);
         put(new CNalPacket(std::move(bytes)), 1, m_last_level > 1 ? m_last_level : 2);
+        count_unit();
+    }
+
+    void count_unit()
+    {
+        ++m_units;
         m_stats.frames_in.fetch_add(1, std::memory_order_relaxed);
     }
 
@@ -199,6 +208,7 @@ private:
     int m_last_level = 10;
     bool m_au_has_slice = false;
     bool m_cut_on_drain = true;  // until a producer's picture came in two writes
+    std::uint64_t m_units = 0;
 };
 
 }  // namespace Relay

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "AnnexB.h"
+#include "Recorder.h"
 
 namespace Relay {
 
@@ -26,6 +27,9 @@ using namespace Qelvar::Corvane;
 class CRelayInput : public CNetHandler {
 public:
     CRelayInput(CMediaBuffer& buffer, SRelayStats& stats) : m_stats(stats), m_cutter(buffer, stats), m_read(64 * 1024) {}
+
+    /// Also writes the input to `recorder` (before Start; it must outlive this input).
+    void Record(CRecorder* recorder) { m_recorder = recorder; }
 
     /// Listens for producers (TCP) or receives datagrams (UDP) on `local`. 0 or -1.
     int Start(const CSockAddr& local, bool udp)
@@ -96,6 +100,7 @@ private:
             }
             if (n == 0) return m_cutter.Drained();
             m_cutter.Feed(m_read.data(), static_cast<std::size_t>(n));
+            if (m_recorder) m_recorder->Write(m_read.data(), static_cast<std::size_t>(n));
         }
     }
 
@@ -120,6 +125,7 @@ private:
     CSockAcceptor m_acceptor;
     CSockStream m_producer;
     CSockDgram m_dgram;
+    CRecorder* m_recorder = nullptr;
 };
 
 class CRelayOutput : public CNetHandler {

@@ -1,11 +1,14 @@
 // A live H.264 relay: one producer in, any number of receivers out.
 //   media_relay [--port P] [--input tcp:PORT | udp:PORT] [--bind ADDR] [--tick MS]
-//               [--stats SEC] [--once] [--seconds S]
+//               [--stats SEC] [--once] [--seconds S] [--record PATH]
+//   media_relay --play PATH [--fps N] [--fast-start MS] [--rate R] [--port P] ...
 // The producer sends an Annex-B elementary stream, for example
 //   ffmpeg -re -i in.mp4 -c copy -bsf:v h264_mp4toannexb -f h264 tcp://127.0.0.1:9000
 // and each receiver that connects to --port gets the same stream from its next key frame
-// on, e.g. ffplay -f h264 tcp://127.0.0.1:8554. Runs until interrupted, for S seconds, or
-// with --once until the first TCP producer has gone.
+// on, e.g. ffplay -f h264 tcp://127.0.0.1:8554. --record keeps a copy of the input in a
+// file; --play sends such a file instead of a live input, N pictures a second (25), the
+// first MS milliseconds at once, at R times the normal speed. Runs until interrupted, for
+// S seconds, or with --once until the first TCP producer (or the file) has ended.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -13,6 +16,10 @@
 #include <cstring>
 #include <thread>
 
+#include <Corvane/NTimer.h>
+#include <Corvane/NTimerEvent.h>
+
+#include "FilePlayer.h"
 #include "MediaRelay.h"
 
 namespace {
@@ -35,6 +42,11 @@ struct SOptions {
     double stats_s = 1;
     bool once = false;
     double seconds = 0;
+    const char* record = nullptr;
+    const char* play = nullptr;
+    double fps = 25;
+    long long fast_start_ms = 0;
+    float rate = 1.0f;
 };
 
 bool parse(int argc, char** argv, SOptions& o)
@@ -46,6 +58,11 @@ bool parse(int argc, char** argv, SOptions& o)
         else if (std::strcmp(argv[i], "--tick") == 0 && value) o.tick_ms = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--stats") == 0 && value) o.stats_s = std::atof(argv[++i]);
         else if (std::strcmp(argv[i], "--seconds") == 0 && value) o.seconds = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--record") == 0 && value) o.record = argv[++i];
+        else if (std::strcmp(argv[i], "--play") == 0 && value) o.play = argv[++i];
+        else if (std::strcmp(argv[i], "--fps") == 0 && value) o.fps = std::atof(argv[++i]);
+        else if (std::strcmp(argv[i], "--fast-start") == 0 && value) o.fast_start_ms = std::atoll(argv[++i]);
+        else if (std::strcmp(argv[i], "--rate") == 0 && value) o.rate = static_cast<float>(std::atof(argv[++i]));
         else if (std::strcmp(argv[i], "--once") == 0) o.once = true;
         else if (std::strcmp(argv[i], "--input") == 0 && value) {
             const char* input = argv[++i];
@@ -56,7 +73,9 @@ bool parse(int argc, char** argv, SOptions& o)
             return false;
         }
     }
-    return o.port > 0 && o.port < 65536 && o.input_port > 0 && o.input_port < 65536 && o.tick_ms >= 0;
+    // The receiver refuses a bad rate or fast start itself, with its own line.
+    return o.port > 0 && o.port < 65536 && o.input_port > 0 && o.input_port < 65536 && o.tick_ms >= 0 && o.fps > 0 &&
+           !(o.play && o.record);
 }
 
 // The line another program parses: keep its format.
@@ -70,30 +89,106 @@ void print_stats(CMediaBuffer& buffer, const Relay::SRelayStats& relay)
     std::fflush(stdout);
 }
 
+// Prints the stats line on every tick of a CNTimer, on a reactor thread.
+class CStatsEvent : public CNTimerEvent {
+public:
+    CStatsEvent(CMediaBuffer& buffer, const Relay::SRelayStats& stats) : m_buffer(buffer), m_stats(stats) {}
+
+    int handle_timer_event() override
+    {
+        print_stats(m_buffer, m_stats);
+        return 0;
+    }
+
+    int handle_close(CNetHandler*) override
+    {
+        delete this;
+        return 0;
+    }
+
+private:
+    CMediaBuffer& m_buffer;
+    const Relay::SRelayStats& m_stats;
+};
+
+// The input side: a live producer (optionally recorded) or a file played.
+struct SInput {
+    Relay::CRelayInput* live = nullptr;
+    Relay::CRecorder* recorder = nullptr;
+    Relay::CFilePlayer* player = nullptr;
+
+    int Start(const SOptions& o, CMediaBuffer& buffer, Relay::SRelayStats& stats)
+    {
+        if (o.play) {
+            player = new Relay::CFilePlayer(buffer, stats, o.fps);
+            if (player->Start(o.play, o.fast_start_ms, o.rate) == 0) return 0;
+            std::fprintf(stderr, "cannot play %s\n", o.play);
+            return -1;
+        }
+        live = new Relay::CRelayInput(buffer, stats);
+        if (o.record) {
+            recorder = new Relay::CRecorder;
+            if (recorder->Open(o.record) != 0) {
+                std::fprintf(stderr, "cannot record to %s\n", o.record);
+                return -1;
+            }
+            live->Record(recorder);
+        }
+        const CSockAddrStorage addr(o.bind, static_cast<unsigned short>(o.input_port));
+        if (live->Start(addr, o.udp) == 0) return 0;
+        std::fprintf(stderr, "cannot listen on %s port %d\n", o.bind, o.input_port);
+        return -1;
+    }
+
+    void Stop()
+    {
+        if (player) player->Stop();
+        if (live) live->Stop();
+        // After the input: nothing is written to the recorder any more.
+        if (recorder) recorder->Stop(std::chrono::seconds(5));
+    }
+};
+
 int run(const SOptions& o)
 {
     CMediaBuffer buffer;
     Relay::SRelayStats stats;
-    auto* input = new Relay::CRelayInput(buffer, stats);
+    SInput input;
     auto* output = new Relay::CRelayOutput(buffer, stats);
-    const CSockAddrStorage input_addr(o.bind, static_cast<unsigned short>(o.input_port));
     const CSockAddrStorage output_addr(o.bind, static_cast<unsigned short>(o.port));
-    if (input->Start(input_addr, o.udp) != 0 || output->Start(output_addr) != 0) {
-        std::fprintf(stderr, "cannot listen on %s port %d or %d\n", o.bind, o.input_port, o.port);
-        input->Stop();
+    if (output->Start(output_addr) != 0) {
+        std::fprintf(stderr, "cannot listen on %s port %d\n", o.bind, o.port);
+        output->Stop();
+        return 1;
+    }
+    if (input.Start(o, buffer, stats) != 0) {
+        input.Stop();
         output->Stop();
         return 1;
     }
     // Without the tick a receiver blocked by a full socket waits for the next Put.
     if (o.tick_ms > 0) buffer.EnableAutoSend(static_cast<std::uint64_t>(o.tick_ms));
-    std::printf("media_relay on %s: input %s port %d, receivers port %d\n", o.bind, o.udp ? "udp" : "tcp",
-                o.input_port, o.port);
+    if (o.play) {
+        std::printf("media_relay on %s: playing %s, receivers port %d\n", o.bind, o.play, o.port);
+    } else {
+        std::printf("media_relay on %s: input %s port %d, receivers port %d\n", o.bind, o.udp ? "udp" : "tcp",
+                    o.input_port, o.port);
+    }
     std::fflush(stdout);
+
+    CNTimer* timer = nullptr;
+    if (o.stats_s > 0) {
+        timer = CNTimer::Create(static_cast<long long>(o.stats_s * 1e6));
+        auto* event = new CStatsEvent(buffer, stats);
+        if (timer && timer->PushTimerEvent(event) == 0) {
+            event->Start();
+        } else {
+            event->Close();
+        }
+    }
 
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
-    const auto stats_every = std::chrono::duration<double>(o.stats_s);
-    auto next_stats = start + stats_every;
     auto input_gone = Clock::time_point::max();
     while (!g_stop) {
         const auto now = Clock::now();
@@ -104,14 +199,11 @@ int run(const SOptions& o)
             (buffer.GetStats().max_lag == 0 || now - input_gone >= std::chrono::seconds(3))) {
             break;
         }
-        if (o.stats_s > 0 && now >= next_stats) {
-            print_stats(buffer, stats);
-            next_stats += std::chrono::duration_cast<Clock::duration>(stats_every);
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 
-    input->Stop();
+    if (timer) timer->Close();  // its event goes with it
+    input.Stop();
     print_stats(buffer, stats);
     output->Stop();
     buffer.DisableAutoSend();
@@ -130,13 +222,14 @@ int main(int argc, char** argv)
     if (!parse(argc, argv, options)) {
         std::fprintf(stderr,
                      "usage: %s [--port P] [--input tcp:PORT|udp:PORT] [--bind ADDR] [--tick MS] [--stats SEC] "
-                     "[--once] [--seconds S]\n",
+                     "[--once] [--seconds S] [--record PATH | --play PATH [--fps N] [--fast-start MS] [--rate R]]\n",
                      argv[0]);
         return 2;
     }
     std::signal(SIGINT, on_signal);
     std::signal(SIGTERM, on_signal);
-    if (CNetThread::CreateThreadPool(0x80000000u | 2) != 0) return 1;
+    // The file threads read and write the played and recorded files.
+    if (CNetThread::CreateThreadPool(0x80000000u | 2, true) != 0) return 1;
     const int rc = run(options);
     CNetThread::DestroyThreadPool();
     return rc;

@@ -2,7 +2,8 @@
 # The media relay against ffmpeg's own encoder and decoder: a generated H.264 stream goes
 # through corvane_media_relay on loopback to a receiver that joins mid-stream and to one
 # that reads at a quarter of the stream's rate. Whatever each receives must decode
-# without a single error, from a key frame on.
+# without a single error, from a key frame on. The relay records its input, and then
+# plays the recording back at the pace of its pictures.
 #   relay_test.sh PATH_TO_corvane_media_relay
 # Exit 77 (skipped) without ffmpeg, ffprobe, libx264 or python3.
 set -euo pipefail
@@ -35,7 +36,8 @@ cd "$work"
 
 fail() {
     echo "FAIL: $*"
-    for log in relay.out relay.err producer.err live.err copy.err slow.err; do
+    for log in relay.out relay.err producer.err live.err copy.err slow.err fast.out fast.err double.out double.err \
+        played.err; do
         if [[ -s $log ]]; then
             echo "--- $log"
             tail -n 20 "$log"
@@ -64,7 +66,8 @@ ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25 -t 8 -c:v libx264 -g 2
 gen_frames=$(frames gen.h264 | wc -l)
 rate=$(($(stat -c %s gen.h264) / 8))
 
-timeout 40 "$relay" --port "$out_port" --input "tcp:$in_port" --once --stats 1 >relay.out 2>relay.err &
+timeout 40 "$relay" --port "$out_port" --input "tcp:$in_port" --once --stats 1 --record rec.h264 \
+    >relay.out 2>relay.err &
 pids+=($!)
 for ((i = 0; i < 100; ++i)); do
     grep -q '^media_relay on' relay.out && break
@@ -115,4 +118,32 @@ echo "frames: stream $gen_frames, relayed $frames_in, copy $copy_frames, slow re
 [[ $(frames slow.h264 | head -n 1) == 1,I ]] || fail "the slow reader's bytes do not begin with a key frame"
 ffmpeg -v error -i slow.h264 -f null - 2>slow-decode.err || fail "the slow reader's bytes do not decode"
 [[ ! -s slow-decode.err ]] || fail "decoding the slow reader's bytes: $(head -n 3 slow-decode.err)"
+
+# The recording is the input, byte for byte.
+cmp -s gen.h264 rec.h264 || fail "the recording differs from the stream sent"
+
+# Played back: the 8 s at twice the speed, and at normal speed with the first 4 s at
+# once, both take 4 s. A receiver of the second gets the end of the file from a key frame.
+timeout 20 "$relay" --port "$out_port" --play rec.h264 --rate 2 --once --stats 0 >double.out 2>double.err &
+double=$!
+timeout 20 "$relay" --port "$in_port" --play rec.h264 --fast-start 4000 --once --stats 0 >fast.out 2>fast.err &
+fast=$!
+pids+=("$double" "$fast")
+sleep 1
+timeout 20 ffmpeg -v error -f h264 -i "tcp://127.0.0.1:$in_port" -c copy -f h264 played.h264 2>played.err ||
+    fail "the receiver of the played file failed"
+wait "$double" || fail "the relay playing at twice the speed failed"
+wait "$fast" || fail "the relay playing with a fast start failed"
+for run in double fast; do
+    line=$(grep '^media_relay: played' "$run.out") || fail "$run: no end of playing"
+    echo "$run: $line"
+    [[ $line =~ ^media_relay:\ played\ ([0-9]+)\ pictures\ in\ ([0-9]+)\.([0-9]+)\ s$ ]] || fail "$run: $line"
+    ((BASH_REMATCH[1] == gen_frames)) || fail "$run played ${BASH_REMATCH[1]} of $gen_frames pictures"
+    tenths=$((10#${BASH_REMATCH[2]} * 10 + 10#${BASH_REMATCH[3]:0:1}))
+    ((tenths >= 34 && tenths <= 50)) || fail "$run took ${BASH_REMATCH[2]}.${BASH_REMATCH[3]} s, not about 4 s"
+done
+played_size=$(stat -c %s played.h264)
+((played_size > 0)) || fail "the receiver of the played file got nothing"
+tail -c "$played_size" gen.h264 | cmp -s - played.h264 || fail "the played copy is not the end of the file"
+[[ $(frames played.h264 | head -n 1) == 1,I ]] || fail "the played copy does not begin with a key frame"
 echo "ok"
