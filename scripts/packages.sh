@@ -7,9 +7,11 @@
 # command its tests talk to; telnet, driven by expect, is the console tests' real client;
 # googletest is the source tree under /usr/src/googletest that the Windows cross build
 # compiles; the media relay test (tests/relay) encodes with ffmpeg's libx264, decodes with
-# ffmpeg and ffprobe, and reads slowly with python3.
+# ffmpeg and ffprobe, and reads slowly with python3; libsrt is the reliable-UDP transport
+# and srt-live-transmit (srt-tools) the real peer of its tests.
 CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl telnet expect
-                       libgtest-dev libgmock-dev googletest libbenchmark-dev ffmpeg python3)
+                       libgtest-dev libgmock-dev googletest libbenchmark-dev ffmpeg python3
+                       libsrt-openssl-dev srt-tools)
 # The Windows cross build and Wine to run its programs.
 CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
 # The fuzz stage: clang and its libFuzzer and sanitizer runtimes.
