@@ -100,20 +100,20 @@ void CMultiplexer::disarm(SEvent* ev)
 
 int CMultiplexer::Add(SEvent* ev)
 {
-    if (CMirtDispatcher::owns(ev->m_key)) return CMirtDispatcher::Add(ev);
+    if (CMirtIoCollecter::owns(ev->m_key)) return CMirtIoCollecter::Instance().Add(ev);
     return watch(ev, true);
 }
 
 int CMultiplexer::Rearm(SEvent* ev)
 {
-    if (CMirtDispatcher::owns(ev->m_key)) return CMirtDispatcher::Modify(ev);
+    if (CMirtIoCollecter::owns(ev->m_key)) return CMirtIoCollecter::Instance().EpollModify(ev);
     return watch(ev, false);
 }
 
 void CMultiplexer::Disarm(SEvent* ev)
 {
-    if (CMirtDispatcher::owns(ev->m_key)) {
-        CMirtDispatcher::Remove(ev);
+    if (CMirtIoCollecter::owns(ev->m_key)) {
+        CMirtIoCollecter::Instance().EpollRemove(ev);
         return;
     }
     disarm(ev);
@@ -121,8 +121,8 @@ void CMultiplexer::Disarm(SEvent* ev)
 
 void CMultiplexer::Remove(SEvent* ev)
 {
-    if (CMirtDispatcher::owns(ev->m_key)) {
-        CMirtDispatcher::Remove(ev);
+    if (CMirtIoCollecter::owns(ev->m_key)) {
+        CMirtIoCollecter::Instance().Remove(ev);
         return;
     }
     // The descriptor may be closed already; the system then forgot it by itself.

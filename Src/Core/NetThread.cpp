@@ -2,6 +2,7 @@
 
 #include <Corvane/Config.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include "Core/ConsoleHooks.h"
 #include "Core/FileThreadPool.h"
 #include "Core/MinHeap.h"
+#include "Core/MirtDispatcher.h"
 #include "Core/NetSock.h"
 #include "Core/NetTimer.h"
 #include "Core/PoolSettings.h"
@@ -80,11 +82,12 @@ void destroy_pool(int index)
 // They are started in this order after the socket library and before the pools...
 int start_reliable_udp_dispatcher()
 {
-    return 0;
+    return CNetThread::InitMirtEnvironment();
 }
 
 void stop_reliable_udp_dispatcher()
 {
+    CNetThread::CleanupMirtEnvironment();
 }
 
 // ...and these after the public pool.
@@ -116,6 +119,9 @@ void init_tls_library()
 void cleanup_tls_library()
 {
 }
+
+// Whether the transport was started (and must be cleaned up once).
+std::atomic<bool> g_mirt_started{false};
 
 // Set by SSLThreadSetup; plain, as the calls belong to one thread before the others start.
 bool g_ssl_thread_setup = false;
@@ -343,6 +349,28 @@ int CNetThread::SetRecvTickPeriod(int ms)
 void CNetThread::SetRecvTrace(int on)
 {
     CStreamReceiverThread::SetTrace(on);
+}
+
+int CNetThread::InitMirtEnvironment()
+{
+    // A build without the transport has no dispatcher to start; the library runs on.
+    if (g_mirt_started.exchange(true)) return 0;
+    if (Mirt::startup() != 0) {
+        g_mirt_started = false;
+        return 0;
+    }
+    if (CMirtIoCollecter::Instance().Init() != 0) {
+        CVN_LOG(Fundel::LOG_WARN, "%s : the reliable-UDP dispatcher did not start, its sockets cannot be registered\n",
+                "CNetThread::InitMirtEnvironment");
+    }
+    return 0;
+}
+
+void CNetThread::CleanupMirtEnvironment()
+{
+    if (!g_mirt_started.exchange(false)) return;
+    CMirtIoCollecter::Instance().Shutdown();
+    Mirt::cleanup();
 }
 
 int CNetThread::SetThreadTimeOut(int ms)

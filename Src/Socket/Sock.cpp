@@ -162,6 +162,8 @@ int CSock::Attach(int sockfd)
     m_sockfd = sockfd;
 
     // A pending error is reported, not fatal: the caller learns it at the first transfer.
+    // A transport descriptor has no system error slot to ask.
+    if (!is_system_fd(sockfd)) return 0;
     int pending = -1;
     int len = sizeof pending;
     if (Platform::sock_getopt(sockfd, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
@@ -172,8 +174,7 @@ int CSock::Attach(int sockfd)
     if (pending != 0) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : error: %d\n", static_cast<void*>(this), "CSock::Attach", pending);
     }
-    if (is_system_fd(sockfd) && set_block_opt() != 0) return -1;
-    return 0;
+    return set_block_opt() != 0 ? -1 : 0;
 }
 
 int CSock::Detach()

@@ -65,6 +65,12 @@ public:
     /// off (0, the default): one line before and after each receiver's hook.
     static void SetRecvTrace(int on);
 
+    /// Starts the reliable-UDP transport and its dispatcher thread ("Mirt_IoDispatcher");
+    /// the library's start calls it. 0 (a build without the transport starts nothing).
+    static int InitMirtEnvironment();
+    /// Stops the dispatcher and the transport; the library's stop calls it.
+    static void CleanupMirtEnvironment();
+
     /// Arms a watch on every callback of the next pools' threads: a callback running
     /// longer than `ms` milliseconds is reported by the pool's daemon. 0 (the default)
     /// switches the watch off. 0, or -1 for a negative value.
