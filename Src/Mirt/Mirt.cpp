@@ -267,6 +267,10 @@ int startup()
             CVN_LOG(Fundel::LOG_WARN, "Mirt::startup: the transport did not start, %s\n", srt_getlasterror_str());
             return -1;
         }
+        // The transport prints its own lines on stderr; what fails reaches the caller
+        // through getlasterror_desc() and the library's log, so only its critical
+        // lines stay.
+        srt_setloglevel(LOG_CRIT);
         t.SetStarted(true);
     }
     ++t.m_start_count;

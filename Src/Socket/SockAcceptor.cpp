@@ -9,6 +9,7 @@
 #include "Platform/Error.h"
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Socket/SockAddrUtil.h"
 #include "Socket/SockDetail.h"
 #include "Socket/SockManager.h"
 
@@ -116,24 +117,7 @@ int CSockAcceptor::Accept(CSockStream& stream, CSockAddr* remote)
     CSockManager::Instance().insertValueByFD(fd, status);
     CSockManager::Instance().bindSock(&stream, status);
 
-    if (remote) {
-        switch (remote->GetType()) {
-        case SOCKADDR_TYPE_IPV4:
-            if (peer.base.sa_family == AF_INET) {
-                static_cast<CSockAddrIPv4*>(remote)->SetAddr(peer.v4);
-            } else {
-                CVN_LOG(Fundel::LOG_WARN, "this:%p a ipv6 address can't be put into CSockAddrIPv4!\n",
-                        static_cast<void*>(this));
-            }
-            break;
-        case SOCKADDR_TYPE_IPV6:
-            static_cast<CSockAddrIPv6*>(remote)->SetAddr(&peer.v6);
-            break;
-        default:
-            static_cast<CSockAddrStorage*>(remote)->SetAddr(&peer.v4);
-            break;
-        }
-    }
+    if (remote) put_peer_address(this, peer, remote);
     if (stream.Attach(fd) != 0) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : Attach sockfd failed, m_sockfd: %d, sockfd :%d\n",
                 static_cast<void*>(this), kFunction, m_sockfd, fd);

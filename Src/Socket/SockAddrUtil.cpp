@@ -2,6 +2,9 @@
 
 #include <Corvane/NetCheckManager.h>
 #include <Corvane/SockAddr.h>
+#include <Corvane/SockAddrIPv4.h>
+#include <Corvane/SockAddrIPv6.h>
+#include <Corvane/SockAddrStorage.h>
 
 #include "Fundel/LogDefs.h"
 #include "Platform/Error.h"
@@ -89,6 +92,25 @@ const char* domain_target(const char* caller, const char* name, int family, unsi
     if (!CGetHostByName::Instance().getAddrInfoAll(&request, &list, timeout_ms)) return nullptr;
     if (CNetCheckManager::Instance().FilterIP(list, chosen, port, socktype, timeout_ms)) return chosen.addr;
     return choose_by_priority(caller, list, priority, chosen) ? chosen.addr : nullptr;
+}
+
+void put_peer_address(const void* self, const USockAddr& peer, CSockAddr* remote)
+{
+    switch (remote->GetType()) {
+    case SOCKADDR_TYPE_IPV4:
+        if (peer.base.sa_family == AF_INET) {
+            static_cast<CSockAddrIPv4*>(remote)->SetAddr(peer.v4);
+        } else {
+            CVN_LOG(Fundel::LOG_WARN, "this:%p a ipv6 address can't be put into CSockAddrIPv4!\n", self);
+        }
+        break;
+    case SOCKADDR_TYPE_IPV6:
+        static_cast<CSockAddrIPv6*>(remote)->SetAddr(&peer.v6);
+        break;
+    default:
+        static_cast<CSockAddrStorage*>(remote)->SetAddr(&peer.v4);
+        break;
+    }
 }
 
 }  // namespace Qelvar::Corvane

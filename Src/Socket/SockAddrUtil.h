@@ -3,12 +3,19 @@
 #pragma once
 
 #include "Socket/GetHostByName.h"
+#include "Socket/SockDetail.h"
 
 namespace Qelvar::Corvane {
 
 /// The text of a 4-byte (AF_INET) or 16-byte (AF_INET6) address into `buf` for GetIpStr:
 /// null when `buf` is null or `len` below 7, or, logged for `self`, when it does not fit.
 char* format_address(const void* self, int family, const void* addr, char* buf, unsigned int len);
+
+class CSockAddr;
+
+/// Puts an accepted peer's address into `remote` by its class: an IPv6 peer does not fit
+/// a CSockAddrIPv4 (logged for `self`, left unchanged).
+void put_peer_address(const void* self, const USockAddr& peer, CSockAddr* remote);
 
 /// `text`, or "(null)" for log lines.
 inline const char* text_or_null(const char* text)

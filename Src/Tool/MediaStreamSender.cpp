@@ -181,7 +181,7 @@ int check_other_data(CMediaStreamSender* self, SMediaSenderProgress& p)
     char* other = p.m_other_data.get();
     const int n = sock_send(p.m_stream, p.m_stream->GetType(), other, static_cast<unsigned int>(fill), true);
     if (n == kNotWritable) {
-        FUNDEL_ASSERT_TEXT(false, "m_stream->GetType() is 1, 2, 3, 4 or 8");
+        FUNDEL_ASSERT_TEXT(false, "m_stream->GetType() is 1, 2, 3, 4, 5 or 8");
     } else if (n > 0) {
         std::memmove(other, other + n, static_cast<std::size_t>(fill - n));
         p.m_other_len.store(fill - n, std::memory_order_release);
@@ -262,7 +262,7 @@ std::int64_t CMediaStreamSender::Send(CFrame* frame, std::uint64_t)
         int n = sock_writev(p.m_stream, type, first, left, true);
         *first = saved;
         if (n == kNotWritable) {
-            FUNDEL_ASSERT_TEXT(false, "m_stream->GetType() is 1, 2, 3, 4 or 8");
+            FUNDEL_ASSERT_TEXT(false, "m_stream->GetType() is 1, 2, 3, 4, 5 or 8");
             n = 0;
         }
 

@@ -1,6 +1,7 @@
 #include "Tool/SockWrite.h"
 
 #include <Corvane/Config.h>
+#include <Corvane/MirtStream.h>
 #include <Corvane/SimulatorStream.h>
 #include <Corvane/SockDgram.h>
 #include <Corvane/SockStream.h>
@@ -22,6 +23,8 @@ int with_sock(CSock* sock, unsigned int type, bool datagrams, F&& op, G&& dgram)
         return op(*static_cast<CSockStream*>(sock));
     case SOCK_TYPE_SIMULATOR:
         return op(*static_cast<CSimulatorStream*>(sock));
+    case SOCK_TYPE_MIRT:
+        return op(*static_cast<CMirtStream*>(sock));
     case SOCK_TYPE_DGRAM:
         if (datagrams) return dgram(*static_cast<CSockDgram*>(sock));
         break;

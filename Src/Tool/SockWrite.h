@@ -13,7 +13,7 @@ class CSock;
 /// What sock_send and sock_writev return for a socket type they cannot write.
 constexpr int kNotWritable = INT_MIN;
 
-/// One send on a socket of type 1, 3, 4 or 8, and of type 2 (to its default destination)
+/// One send on a socket of type 1, 3, 4, 5 or 8, and of type 2 (to its default destination)
 /// when `datagrams`. The bytes accepted, 0 when it would block, negative on error, or
 /// kNotWritable.
 int sock_send(CSock* sock, unsigned int type, const char* buf, unsigned int len, bool datagrams);

@@ -49,7 +49,7 @@ private:
 int stream_result(int n)
 {
     if (n != kNotWritable) return n;
-    FUNDEL_ASSERT_TEXT(false, "m_sock_type is a stream type (1, 3, 4 or 8)");
+    FUNDEL_ASSERT_TEXT(false, "m_sock_type is a stream type (1, 3, 4, 5 or 8)");
     return -1;
 }
 

@@ -16,6 +16,8 @@
 #include <Corvane/MediaPacket.h>
 #include <Corvane/MediaStreamReceiver.h>
 #include <Corvane/MediaStreamSender.h>
+#include <Corvane/MirtAcceptor.h>
+#include <Corvane/MirtStream.h>
 #include <Corvane/NetHandler.h>
 #include <Corvane/NetCheckManager.h>
 #include <Corvane/NetThread.h>

@@ -30,8 +30,9 @@ enum : unsigned int {
 /// 4096 bytes waiting) goes out between frames, never inside one.
 ///
 /// Sockets: types 1 (CSockStream), 2 (CSockDgram, to its default destination: one
-/// datagram per write, so keep frames small), 3 (CSslStream), 4 (CSimulatorStream) and
-/// 8 (CSslAsyncStream). Any socket that accepts a part of a write (a non-blocking
+/// datagram per write, so keep frames small), 3 (CSslStream), 4 (CSimulatorStream), 5
+/// (CMirtStream, reliable UDP: in live mode each write is one message of at most the
+/// payload size) and 8 (CSslAsyncStream). Any socket that accepts a part of a write (a non-blocking
 /// stream) works; the socket is not owned and need not be registered with the reactor.
 ///
 /// Failure: a failed write notifies code 2 once to the WaitException id, and Send returns

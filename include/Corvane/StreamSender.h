@@ -16,7 +16,7 @@ enum : unsigned int {
 };
 
 /// A send queue for one stream socket of type 1 (CSockStream), 3 (CSslStream), 4
-/// (CSimulatorStream) or 8 (CSslAsyncStream).
+/// (CSimulatorStream), 5 (CMirtStream) or 8 (CSslAsyncStream).
 ///
 /// Put writes at once while nothing is queued and queues what the socket did not take;
 /// the queue drains with gathered writes when the socket becomes writable. The queue is
