@@ -51,6 +51,16 @@ enum : int {
     MIRT_ERR_TOO_MANY = 3000,       ///< no descriptor number left
 };
 
+/// The transport's own codes that callers tell apart.
+enum : int {
+    MIRT_ERR_CONN_FAIL = 2000,   ///< the connection failed
+    MIRT_ERR_CONN_LOST = 2001,   ///< the connection was lost (the peer closed or vanished)
+    MIRT_ERR_NO_CONN = 2002,     ///< not connected
+    MIRT_ERR_ASYNC_SEND = 6001,  ///< a non-blocking send would block
+    MIRT_ERR_ASYNC_RECV = 6002,  ///< a non-blocking receive (or accept) would block
+    MIRT_ERR_TIMEOUT = 6003,     ///< a blocking call ran out of time
+};
+
 /// One ready socket reported by epoll_wait().
 struct SMirtEvent {
     int fd;               ///< the facade descriptor

@@ -19,8 +19,6 @@ namespace Qelvar::Corvane {
 namespace {
 
 constexpr int kBacklog = 1024;
-// The transport's "again" of receiving: what accept on a quiet listener fails with.
-constexpr int kAsyncRecv = 6002;
 
 }  // namespace
 
@@ -85,11 +83,7 @@ int CMirtAcceptor::Open(const CSockAddr& local)
     // next Close or the destructor.
     if (CMirtStream::apply_options(fd, m_options, this, kFunction) != 0) return -1;
     // Applied before listening: the listener's own accept follows the flag.
-    if (Mirt::setnonblocking(fd, !m_block) != 0) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : set socket block failed! fd[%d], error:%d, %s\n",
-                static_cast<void*>(this), kFunction, fd, Mirt::getlasterror(), Mirt::getlasterror_desc());
-        return -1;
-    }
+    if (set_block_opt() != 0) return -1;
     if (CMirtStream::bind_local(fd, local, this, kFunction) != 0) return -1;
     if (Mirt::listen(fd, kBacklog) != 0) {
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : listen failed! fd[%d], error:%d, %s\n", static_cast<void*>(this),
@@ -123,7 +117,7 @@ int CMirtAcceptor::Accept(CMirtStream& stream, CSockAddr* remote)
     if (fd < 0) {
         const int err = Mirt::getlasterror();
         // Nothing pending: unlike Recv, an acceptor reports it as -1, silently.
-        if (err == kAsyncRecv) return -1;
+        if (err == Mirt::MIRT_ERR_ASYNC_RECV) return -1;
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : accept failed! fd[%d], error:%d, %s\n", static_cast<void*>(this),
                 kFunction, m_sockfd, err, Mirt::getlasterror_desc());
         return -1;
@@ -131,7 +125,7 @@ int CMirtAcceptor::Accept(CMirtStream& stream, CSockAddr* remote)
     if (remote) put_peer_address(this, peer, remote);
     // The accepted socket inherited the listener's options; the stream keeps its own
     // blocking flag.
-    return stream.adopt(fd, m_options, kFunction);
+    return stream.adopt(fd, m_options);
 }
 
 CMirtStream* CMirtAcceptor::Accept(CSockAddr* remote)

@@ -24,17 +24,9 @@ constexpr int kMaxIoVec = 1024;
 constexpr int kLivePayload = 1316;
 constexpr int kMaxLivePayload = 1456;
 
-// The transport's error codes that the stream tells apart.
-constexpr int kConnFail = 2000;
-constexpr int kConnLost = 2001;
-constexpr int kNoConn = 2002;
-constexpr int kAsyncSend = 6001;
-constexpr int kAsyncRecv = 6002;
-constexpr int kTimeout = 6003;
-
 bool transport_later(int err)
 {
-    return err == kAsyncSend || err == kAsyncRecv || err == kTimeout;
+    return err == Mirt::MIRT_ERR_ASYNC_SEND || err == Mirt::MIRT_ERR_ASYNC_RECV || err == Mirt::MIRT_ERR_TIMEOUT;
 }
 
 // One send: the bytes, 0 when it would block, -1 with the transport's error in `*err`.
@@ -70,7 +62,8 @@ int receive_outcome(int fd, char* buf, int len, int* err)
     if (n == 0) return 0;
     *err = Mirt::getlasterror();
     if (transport_later(*err)) return 0;
-    if (*err == kConnFail || *err == kConnLost || *err == kNoConn || broken(fd)) return connection_gone();
+    const bool ended = *err == Mirt::MIRT_ERR_CONN_FAIL || *err == Mirt::MIRT_ERR_CONN_LOST || *err == Mirt::MIRT_ERR_NO_CONN;
+    if (ended || broken(fd)) return connection_gone();
     return -2;
 }
 
@@ -130,7 +123,7 @@ private:
 
 }  // namespace
 
-CMirtStream::CMirtStream() : CSock(-1, SOCK_TYPE_MIRT), m_block_fd(-1), m_block_applied(false)
+CMirtStream::CMirtStream() : CSock(-1, SOCK_TYPE_MIRT), m_block_applied(false)
 {
 }
 
@@ -264,15 +257,11 @@ bool CMirtStream::not_open(const char* function)
     return true;
 }
 
-int CMirtStream::sync_block(const char* function)
+int CMirtStream::sync_block()
 {
-    if (m_sockfd == -1 || (m_block_fd == m_sockfd && m_block_applied == m_block)) return 0;
-    if (Mirt::setnonblocking(m_sockfd, !m_block) != 0) {
-        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : set socket block failed! fd[%d], error:%d, %s\n",
-                static_cast<void*>(this), function, m_sockfd, Mirt::getlasterror(), Mirt::getlasterror_desc());
-        return -1;
-    }
-    m_block_fd = m_sockfd;
+    // SetBlockOpt leaves transport descriptors alone: a changed flag is pushed here.
+    if (m_sockfd == -1 || m_block_applied == m_block) return 0;
+    if (set_block_opt() != 0) return -1;
     m_block_applied = m_block;
     return 0;
 }
@@ -288,20 +277,20 @@ int CMirtStream::create_socket(const char* function)
         return -1;
     }
     take_new_fd(fd);
-    m_block_fd = -1;  // a number handed out again is a new socket all the same
-    if (apply_options(fd, m_options, this, function) != 0 || sync_block(function) != 0) {
+    m_block_applied = !m_block;  // a new socket takes the flag whatever it was
+    if (apply_options(fd, m_options, this, function) != 0 || sync_block() != 0) {
         Close();
         return -1;
     }
     return 0;
 }
 
-int CMirtStream::adopt(int fd, const SOptions& options, const char* function)
+int CMirtStream::adopt(int fd, const SOptions& options)
 {
     take_new_fd(fd);
-    m_block_fd = -1;
+    m_block_applied = !m_block;
     m_options = options;
-    return sync_block(function);
+    return sync_block();
 }
 
 int CMirtStream::Open(const CSockAddr* local)
@@ -353,7 +342,7 @@ int CMirtStream::Connect(const CSockAddr& remote, CSockAddr* local)
     }
     if (m_sockfd == -1) {
         if (create_socket(kFunction) != 0) return -1;
-    } else if (sync_block(kFunction) != 0) {
+    } else if (sync_block() != 0) {
         return -1;
     }
     if (local && bind_local(m_sockfd, *local, this, kFunction) != 0) return -1;  // the descriptor stays open
@@ -392,7 +381,7 @@ int CMirtStream::Send(const char* buf, unsigned int len)
                 kFunction, static_cast<const void*>(buf), static_cast<int>(len), m_sockfd);
         return -1;
     }
-    if (not_open(kFunction) || sync_block(kFunction) != 0) return -1;
+    if (not_open(kFunction) || sync_block() != 0) return -1;
     int err = 0;
     const int n = send_outcome(m_sockfd, buf, std::min(clamp_len(len), message_limit()), &err);
     if (n >= 0) return n;
@@ -410,7 +399,7 @@ int CMirtStream::WriteV(const iovec* vec, int count)
                 static_cast<void*>(this), kFunction, static_cast<const void*>(vec), count, m_sockfd);
         return -1;
     }
-    if (not_open(kFunction) || sync_block(kFunction) != 0) return -1;
+    if (not_open(kFunction) || sync_block() != 0) return -1;
     if (count > kMaxIoVec) count = kMaxIoVec;
     int err = 0;
     int total = 0;
@@ -456,7 +445,7 @@ int CMirtStream::Recv(char* buf, unsigned int len)
                 kFunction, static_cast<const void*>(buf), static_cast<int>(len), m_sockfd);
         return -1;
     }
-    if (not_open(kFunction) || sync_block(kFunction) != 0) return -1;
+    if (not_open(kFunction) || sync_block() != 0) return -1;
     int err = 0;
     const int n = receive_outcome(m_sockfd, buf, clamp_len(len), &err);
     if (n != -2) return n;
@@ -516,7 +505,7 @@ int CMirtStream::Recv_n(char* buf, unsigned int len, int timeout_us)
         return -1;
     }
     if (timeout_us == 0) return 0;
-    if (not_open(kFunction) || sync_block(kFunction) != 0) return -1;
+    if (not_open(kFunction) || sync_block() != 0) return -1;
     // A socket that broke before the wait began is never reported by it.
     if (broken(m_sockfd)) return connection_gone();
     CWaitSet set(m_sockfd, Mirt::MIRT_EPOLL_IN);

@@ -163,7 +163,7 @@ int CSock::Attach(int sockfd)
 
     // A pending error is reported, not fatal: the caller learns it at the first transfer.
     // A transport descriptor has no system error slot to ask.
-    if (!is_system_fd(sockfd)) return 0;
+    if (!is_system_fd(sockfd)) return set_block_opt() != 0 ? -1 : 0;
     int pending = -1;
     int len = sizeof pending;
     if (Platform::sock_getopt(sockfd, SOL_SOCKET, SO_ERROR, &pending, &len) != 0) {
@@ -189,6 +189,7 @@ void CSock::SetBlockOpt(bool block)
 {
     const bool old = m_block;
     m_block = block;
+    // A transport descriptor takes the flag at its next Attach, open or connect.
     if (!is_system_fd(m_sockfd) || old == block) return;
     if (set_block_opt() != 0) {
         const int err = Platform::last_error();
@@ -201,6 +202,14 @@ int CSock::set_block_opt()
 {
     if (m_sockfd == -1) return 0;
     if (status_invalid("CSock::set_block_opt")) return -1;
+    // Transport descriptors keep the flag in the transport (it applies to every call).
+    if (!is_system_fd(m_sockfd)) {
+        if (Mirt::setnonblocking(m_sockfd, !m_block) == 0) return 0;
+        CVN_LOG(Fundel::LOG_WARN, "this:%p %s : set socket block failed! fd[%d], error:%d, %s\n",
+                static_cast<void*>(this), "CSock::set_block_opt", m_sockfd, Mirt::getlasterror(),
+                Mirt::getlasterror_desc());
+        return -1;
+    }
     if (Platform::sock_set_nonblocking(m_sockfd, !m_block) != 0) {
         const int err = Platform::last_error();
         CVN_LOG(Fundel::LOG_WARN, "this:%p %s : set socket block failed! fd[%d], error:%d,%s\n",

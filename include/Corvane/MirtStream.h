@@ -112,16 +112,14 @@ private:
 
     int set_option(EOption which, int value, const char* phrase, const char* function);
     int create_socket(const char* function);
-    int sync_block(const char* function);
+    int sync_block();
     bool not_open(const char* function);
     int message_limit() const;
     // Takes a descriptor accepted by a listener with `options`, which the socket inherited.
-    int adopt(int fd, const SOptions& options, const char* function);
+    int adopt(int fd, const SOptions& options);
 
     SOptions m_options;
-    // The descriptor the blocking flag was last pushed to (-1 none), and that flag: a
-    // socket attached or re-made since, or a changed flag, gets it again.
-    int m_block_fd;
+    // The blocking flag last pushed to the descriptor: a changed one is pushed again.
     bool m_block_applied;
 };
 

@@ -80,7 +80,7 @@ protected:
     /// For derived classes: the fields, and the object's entry in the socket manager.
     CSock(int sockfd, unsigned int type);
 
-    /// Pushes the blocking flag to the held system socket. 0 or -1.
+    /// Pushes the blocking flag to the held socket (system or transport). 0 or -1 (logged).
     int set_block_opt();
 
     /// True for a system socket: 0 < fd < the reliable-UDP base.

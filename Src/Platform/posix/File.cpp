@@ -4,8 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
+
+#include "Platform/Error.h"
 
 namespace Qelvar::Platform {
 
@@ -48,13 +49,8 @@ int stat_file(const char* path, SFileStatus* status)
 
 const char* file_error_text(int err, char* buf, std::size_t size)
 {
-    // The GNU strerror_r may return a static text instead of filling buf.
-    const char* text = ::strerror_r(err, buf, size);
-    if (text != buf) {
-        std::strncpy(buf, text, size - 1);
-        buf[size - 1] = '\0';
-    }
-    return buf;
+    // A file error is an errno value, the same texts as the socket calls use here.
+    return error_text(err, buf, size);
 }
 
 }  // namespace Qelvar::Platform
