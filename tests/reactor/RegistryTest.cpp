@@ -291,7 +291,8 @@ TEST(Registry, CheckSockWithdrawsWriteFromReadersAndRemovesTheRest)
     EXPECT_EQ(h.CheckSock(a.server), 0);
     EXPECT_EQ(h.CheckSock(b.server), 0);
     EXPECT_TRUE(eventually([&] { return registered_mask(0, a.server.GetHandle()) == MASK_READ; }));
-    EXPECT_EQ(registered_mask(0, b.server.GetHandle()), -1);
+    // A write-only record in a worker's hands goes when its callback returns.
+    EXPECT_TRUE(eventually([&] { return registered_mask(0, b.server.GetHandle()) == -1; }));
     h.RemoveSock(a.server);
     h.Close();
 }
