@@ -8,12 +8,14 @@
 # googletest is the source tree under /usr/src/googletest that the Windows cross build
 # compiles; the media relay test (tests/relay) encodes with ffmpeg's libx264, decodes with
 # ffmpeg and ffprobe, and reads slowly with python3; libsrt is the reliable-UDP transport
-# and srt-live-transmit (srt-tools) the real peer of its tests.
+# and srt-live-transmit (srt-tools) the real peer of its tests; nftables' nft makes the
+# lossy path of those tests where the kernel has no netem.
 CORVANE_BASE_PACKAGES=(cmake ninja-build g++ make pkg-config libssl-dev openssl telnet expect
                        libgtest-dev libgmock-dev googletest libbenchmark-dev ffmpeg python3
-                       libsrt-openssl-dev srt-tools)
-# The Windows cross build and Wine to run its programs.
-CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64)
+                       libsrt-openssl-dev srt-tools nftables)
+# The Windows cross build and Wine to run its programs; dpkg-dev unpacks the Debian source
+# packages that scripts/mingw-deps builds the target's OpenSSL and libsrt from.
+CORVANE_CROSS_PACKAGES=(g++-mingw-w64-x86-64 wine64 dpkg-dev)
 # The fuzz stage: clang and its libFuzzer and sanitizer runtimes.
 CORVANE_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 # The echo benchmark (bench/run): the peer libraries its servers are written on, ss to
