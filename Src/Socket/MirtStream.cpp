@@ -404,17 +404,35 @@ int CMirtStream::WriteV(const iovec* vec, int count)
     int err = 0;
     int total = 0;
     if (m_options.trans_type != MIRT_FILE) {
-        // A message cannot be gathered by the transport: copied into one.
+        // The transport gathers nothing: the bytes are copied into messages of the payload
+        // size, sent in turn until all are gone or the transport would block, so that a
+        // writer sees what a stream socket would take now, not one message a call.
         char message[kMaxLivePayload];
         const int limit = std::min(message_limit(), kMaxLivePayload);
-        int fill = 0;
-        for (int i = 0; i < count && fill < limit; ++i) {
-            const int take = static_cast<int>(std::min<std::size_t>(vec[i].iov_len, static_cast<std::size_t>(limit - fill)));
-            if (take > 0) std::memcpy(message + fill, vec[i].iov_base, static_cast<std::size_t>(take));
-            fill += take;
+        int index = 0;
+        std::size_t offset = 0;
+        for (;;) {
+            int fill = 0;
+            while (index < count && fill < limit) {
+                const std::size_t take = std::min(vec[index].iov_len - offset, static_cast<std::size_t>(limit - fill));
+                if (take > 0) std::memcpy(message + fill, static_cast<const char*>(vec[index].iov_base) + offset, take);
+                fill += static_cast<int>(take);
+                offset += take;
+                if (offset == vec[index].iov_len) {
+                    ++index;
+                    offset = 0;
+                }
+            }
+            if (fill == 0) break;
+            const int n = send_outcome(m_sockfd, message, fill, &err);
+            if (n < 0) {
+                // What went out before stands; the failure shows at the next call.
+                if (total == 0) total = -1;
+                break;
+            }
+            total += n;
+            if (n < fill || total > INT_MAX - limit) break;
         }
-        if (fill == 0) return 0;
-        total = send_outcome(m_sockfd, message, fill, &err);
     } else {
         // A byte stream: element after element, until one is not taken whole.
         for (int i = 0; i < count; ++i) {

@@ -46,6 +46,13 @@ int with_sock(CSock* sock, unsigned int type, bool datagrams, F&& op, G&& dgram)
 
 int sock_send(CSock* sock, unsigned int type, const char* buf, unsigned int len, bool datagrams)
 {
+    // A reliable-UDP Send takes one message; the senders want all the socket takes now.
+    if (type == SOCK_TYPE_MIRT) {
+        iovec one{};
+        one.iov_base = const_cast<char*>(buf);
+        one.iov_len = len;
+        return sock_writev(sock, type, &one, 1, datagrams);
+    }
     return with_sock(
         sock, type, datagrams, [&](auto& s) { return s.Send(buf, len); },
         [&](CSockDgram& s) { return s.Send(buf, len, nullptr); });

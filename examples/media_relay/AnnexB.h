@@ -24,7 +24,7 @@ struct SRelayStats {
     std::atomic<std::uint64_t> missed_cuts{0};  ///< slices a drained read took for whole wrongly
     std::atomic<std::uint64_t> bytes_out{0};    ///< bytes of frames that went out completely
     std::atomic<int> receivers{0};
-    std::atomic<long> producers_ended{0};       ///< TCP producer connections that ended
+    std::atomic<long> producers_ended{0};       ///< producer connections that ended (or the file played)
 };
 
 /// One NAL unit's bytes. The buffer drops its reference when the frame holding it goes.

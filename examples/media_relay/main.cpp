@@ -1,14 +1,21 @@
 // A live H.264 relay: one producer in, any number of receivers out.
-//   media_relay [--port P] [--input tcp:PORT | udp:PORT] [--bind ADDR] [--tick MS]
-//               [--stats SEC] [--once] [--seconds S] [--record PATH]
+//   media_relay [--port P] [--input tcp:PORT | udp:PORT | srt:PORT] [--srt-port P]
+//               [--srt-latency MS] [--bind ADDR] [--tick MS] [--stats SEC] [--once]
+//               [--seconds S] [--record PATH]
 //   media_relay --play PATH [--fps N] [--fast-start MS] [--rate R] [--port P] ...
 // The producer sends an Annex-B elementary stream, for example
 //   ffmpeg -re -i in.mp4 -c copy -bsf:v h264_mp4toannexb -f h264 tcp://127.0.0.1:9000
+// or, over reliable UDP (live mode) to --input srt:PORT, in messages:
+//   ffmpeg -re -i x.h264 -c copy -f h264 'srt://127.0.0.1:9000?pkt_size=1316'
 // and each receiver that connects to --port gets the same stream from its next key frame
-// on, e.g. ffplay -f h264 tcp://127.0.0.1:8554. --record keeps a copy of the input in a
-// file; --play sends such a file instead of a live input, N pictures a second (25), the
-// first MS milliseconds at once, at R times the normal speed. Runs until interrupted, for
-// S seconds, or with --once until the first TCP producer (or the file) has ended.
+// on, e.g. ffplay -f h264 tcp://127.0.0.1:8554; with --srt-port, reliable-UDP callers
+// there get it the same way (srt-live-transmit srt://127.0.0.1:P file://con > x.h264).
+// MS is the latency budget of both reliable-UDP listeners (the transport's default
+// otherwise); the stats line counts the receivers of both transports together.
+// --record keeps a copy of the input in a file; --play sends such a file instead of a
+// live input, N pictures a second (25), the first MS milliseconds at once, at R times the
+// normal speed. Runs until interrupted, for S seconds, or with --once until the first
+// producer (or the file) has ended.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -36,7 +43,9 @@ void on_signal(int)
 struct SOptions {
     int port = 8554;
     int input_port = 9000;
-    bool udp = false;
+    Relay::CRelayInput::EKind input = Relay::CRelayInput::EKind::Tcp;
+    int srt_port = 0;      // 0: no reliable-UDP receivers
+    int srt_latency = -1;  // -1: the transport's default
     const char* bind = "127.0.0.1";
     int tick_ms = 40;
     double stats_s = 1;
@@ -63,19 +72,22 @@ bool parse(int argc, char** argv, SOptions& o)
         else if (std::strcmp(argv[i], "--fps") == 0 && value) o.fps = std::atof(argv[++i]);
         else if (std::strcmp(argv[i], "--fast-start") == 0 && value) o.fast_start_ms = std::atoll(argv[++i]);
         else if (std::strcmp(argv[i], "--rate") == 0 && value) o.rate = static_cast<float>(std::atof(argv[++i]));
+        else if (std::strcmp(argv[i], "--srt-port") == 0 && value) o.srt_port = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--srt-latency") == 0 && value) o.srt_latency = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--once") == 0) o.once = true;
         else if (std::strcmp(argv[i], "--input") == 0 && value) {
             const char* input = argv[++i];
-            o.udp = std::strncmp(input, "udp:", 4) == 0;
-            if (!o.udp && std::strncmp(input, "tcp:", 4) != 0) return false;
+            if (std::strncmp(input, "udp:", 4) == 0) o.input = Relay::CRelayInput::EKind::Udp;
+            else if (std::strncmp(input, "srt:", 4) == 0) o.input = Relay::CRelayInput::EKind::Srt;
+            else if (std::strncmp(input, "tcp:", 4) != 0) return false;
             o.input_port = std::atoi(input + 4);
         } else {
             return false;
         }
     }
     // The receiver refuses a bad rate or fast start itself, with its own line.
-    return o.port > 0 && o.port < 65536 && o.input_port > 0 && o.input_port < 65536 && o.tick_ms >= 0 && o.fps > 0 &&
-           !(o.play && o.record);
+    return o.port > 0 && o.port < 65536 && o.input_port > 0 && o.input_port < 65536 && o.srt_port >= 0 &&
+           o.srt_port < 65536 && o.srt_latency >= -1 && o.tick_ms >= 0 && o.fps > 0 && !(o.play && o.record);
 }
 
 // The line another program parses: keep its format.
@@ -135,7 +147,7 @@ struct SInput {
             live->Record(recorder);
         }
         const CSockAddrStorage addr(o.bind, static_cast<unsigned short>(o.input_port));
-        if (live->Start(addr, o.udp) == 0) return 0;
+        if (live->Start(addr, o.input, o.srt_latency) == 0) return 0;
         std::fprintf(stderr, "cannot listen on %s port %d\n", o.bind, o.input_port);
         return -1;
     }
@@ -161,6 +173,12 @@ int run(const SOptions& o)
         output->Stop();
         return 1;
     }
+    if (o.srt_port > 0 && output->StartSrt(CSockAddrStorage(o.bind, static_cast<unsigned short>(o.srt_port)),
+                                           o.srt_latency) != 0) {
+        std::fprintf(stderr, "cannot listen for srt on %s port %d\n", o.bind, o.srt_port);
+        output->Stop();
+        return 1;
+    }
     if (input.Start(o, buffer, stats) != 0) {
         input.Stop();
         output->Stop();
@@ -168,11 +186,14 @@ int run(const SOptions& o)
     }
     // Without the tick a receiver blocked by a full socket waits for the next Put.
     if (o.tick_ms > 0) buffer.EnableAutoSend(static_cast<std::uint64_t>(o.tick_ms));
+    char srt_out[48] = "";
+    if (o.srt_port > 0) std::snprintf(srt_out, sizeof srt_out, ", srt receivers port %d", o.srt_port);
     if (o.play) {
-        std::printf("media_relay on %s: playing %s, receivers port %d\n", o.bind, o.play, o.port);
+        std::printf("media_relay on %s: playing %s, receivers port %d%s\n", o.bind, o.play, o.port, srt_out);
     } else {
-        std::printf("media_relay on %s: input %s port %d, receivers port %d\n", o.bind, o.udp ? "udp" : "tcp",
-                    o.input_port, o.port);
+        static const char* const kInputs[] = {"tcp", "udp", "srt"};
+        std::printf("media_relay on %s: input %s port %d, receivers port %d%s\n", o.bind,
+                    kInputs[static_cast<int>(o.input)], o.input_port, o.port, srt_out);
     }
     std::fflush(stdout);
 
@@ -187,18 +208,25 @@ int run(const SOptions& o)
         }
     }
 
+    // A reliable-UDP receiver gets a message up to its latency after it went out (a lost
+    // one takes a round trip more), and a closed connection takes what is still on its
+    // way with it: those receivers get that long for the end of the stream.
+    const int latency_ms = o.srt_latency >= 0 ? o.srt_latency : 120;
+    const auto linger = std::chrono::milliseconds(o.srt_port > 0 ? 2 * latency_ms + 250 : 0);
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     auto input_gone = Clock::time_point::max();
+    auto drained = Clock::time_point::max();
     while (!g_stop) {
         const auto now = Clock::now();
         if (o.seconds > 0 && now - start >= std::chrono::duration<double>(o.seconds)) break;
         if (o.once && input_gone == Clock::time_point::max() && stats.producers_ended.load() > 0) input_gone = now;
         // The producer has gone: receivers take what the buffer still holds, for 3 s at most.
-        if (input_gone != Clock::time_point::max() &&
+        if (input_gone != Clock::time_point::max() && drained == Clock::time_point::max() &&
             (buffer.GetStats().max_lag == 0 || now - input_gone >= std::chrono::seconds(3))) {
-            break;
+            drained = now;
         }
+        if (drained != Clock::time_point::max() && now - drained >= linger) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 
@@ -221,8 +249,9 @@ int main(int argc, char** argv)
     SOptions options;
     if (!parse(argc, argv, options)) {
         std::fprintf(stderr,
-                     "usage: %s [--port P] [--input tcp:PORT|udp:PORT] [--bind ADDR] [--tick MS] [--stats SEC] "
-                     "[--once] [--seconds S] [--record PATH | --play PATH [--fps N] [--fast-start MS] [--rate R]]\n",
+                     "usage: %s [--port P] [--input tcp:PORT|udp:PORT|srt:PORT] [--srt-port P] [--srt-latency MS] "
+                     "[--bind ADDR] [--tick MS] [--stats SEC] [--once] [--seconds S] "
+                     "[--record PATH | --play PATH [--fps N] [--fast-start MS] [--rate R]]\n",
                      argv[0]);
         return 2;
     }

@@ -28,9 +28,9 @@ enum EMirtTransfer : int {
 ///
 /// Live mode (the default) carries messages: Send sends one message of at most the
 /// payload size (1316 bytes unless SetPayloadSize changed it) and returns the bytes it
-/// took, so a longer buffer goes out in several calls (Send_n does that); Recv returns
-/// one message and wants a buffer of at least the payload size. File mode is a byte
-/// stream like TCP.
+/// took, so a longer buffer goes out in several calls (Send_n and WriteV do that, and the
+/// stream and media senders write through WriteV); Recv returns one message and wants a
+/// buffer of at least the payload size. File mode is a byte stream like TCP.
 ///
 /// The blocking flag (SetBlockOpt, non-blocking at construction) is applied when the
 /// socket is made or accepted, and again by the next operation when it changed since.
@@ -59,9 +59,11 @@ public:
     /// One send; buf must not be null nor len 0. Live mode: one message of
     /// min(len, payload size) bytes.
     int Send(const char* buf, unsigned int len);
-    /// One gathered send. Live mode: the elements are copied in order into one message of
-    /// at most the payload size, so one call takes at most that many bytes. File mode:
-    /// the elements are sent in turn until one is taken partly or the socket would block.
+    /// A gathered send of what the transport takes now, as on a stream socket: the bytes
+    /// sent (0 when it would block at once), or -1. Live mode: the elements are cut in
+    /// order into messages of the payload size (the last one shorter), sent in turn until
+    /// all are gone or the transport would block. File mode: the elements are sent in turn
+    /// until one is taken partly or the socket would block.
     int WriteV(const iovec* vec, int count);
     /// One receive (live mode: one message).
     int Recv(char* buf, unsigned int len);
