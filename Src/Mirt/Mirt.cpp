@@ -164,6 +164,8 @@ public:
         for (auto& [epid, members] : m_epolls) {
             if (members.erase(sock) != 0) srt_epoll_remove_usock(epid, sock);
         }
+        for (auto& [epid, waiting] : m_waiting) waiting.erase(sock);
+        if (m_listening.erase(sock) != 0) srt_epoll_remove_usock(m_listeners, sock);
         from_transport();
         return sock;
     }
@@ -198,12 +200,48 @@ public:
         }
         m_by_sock.clear();
         m_epolls.clear();
+        m_listeners = -1;
+        m_listening.clear();
+        m_waiting.clear();
     }
 
     bool started_locked() const { return m_started; }
 
     // Under m_mutex: membership of the sockets in each epoll set.
     std::unordered_map<int, std::unordered_set<SRTSOCKET>> m_epolls;
+
+    // Under m_mutex. The transport reports a pending connection only to the sets a
+    // listener was in when it came: one that joins a set later (as the dispatcher puts a
+    // socket back after its callback) is not reported while it waits. So every listener
+    // stays in m_listeners from listen() to its close, where that shows, and a listener
+    // found ready there as it joins a set waits in m_waiting until that set's next wait.
+    int m_listeners = -1;
+    std::unordered_set<SRTSOCKET> m_listening;
+    std::unordered_map<int, std::unordered_set<SRTSOCKET>> m_waiting;
+
+    bool add_listener_locked(SRTSOCKET sock)
+    {
+        if (m_listeners < 0) {
+            m_listeners = srt_epoll_create();
+            if (m_listeners < 0) return false;
+            srt_epoll_set(m_listeners, SRT_EPOLL_ENABLE_EMPTY);
+        }
+        const int in = SRT_EPOLL_IN;
+        if (srt_epoll_add_usock(m_listeners, sock, &in) == SRT_ERROR) return false;
+        m_listening.insert(sock);
+        return true;
+    }
+
+    bool pending_locked(SRTSOCKET sock)
+    {
+        if (m_listening.count(sock) == 0) return false;
+        std::vector<SRT_EPOLL_EVENT> ready(m_listening.size() + 1);
+        const int n = srt_epoll_uwait(m_listeners, ready.data(), static_cast<int>(ready.size()), 0);
+        for (int i = 0; i < n && i < static_cast<int>(ready.size()); ++i) {
+            if (ready[i].fd == sock && (ready[i].events & SRT_EPOLL_IN)) return true;
+        }
+        return false;
+    }
 
 private:
     enum ESlotState { SLOT_FREE, SLOT_OPEN, SLOT_CLOSING };
@@ -253,8 +291,10 @@ int epoll_update(int epid, int fd, const int* events, bool add)
     const int wanted = events ? (*events & ~static_cast<int>(SRT_EPOLL_ET)) : 1;
     if (wanted == 0) {
         members.erase(sock);
+        t.m_waiting[epid].erase(sock);
         return 0;
     }
+    if ((wanted & SRT_EPOLL_IN) && t.pending_locked(sock)) t.m_waiting[epid].insert(sock);
     return members.insert(sock).second ? 1 : 0;
 }
 
@@ -317,8 +357,15 @@ int bind(int fd, const sockaddr* addr, int len)
 
 int listen(int fd, int backlog)
 {
-    const SRTSOCKET sock = table().Find(fd);
-    if (sock == SRT_INVALID_SOCK) return -1;
+    CSlotTable& t = table();
+    SRTSOCKET sock = SRT_INVALID_SOCK;
+    {
+        std::lock_guard<std::mutex> lock(t.m_mutex);
+        sock = t.find_locked(fd);
+        if (sock == SRT_INVALID_SOCK) return -1;
+        // Before it listens, so that no connection comes unseen.
+        if (!t.add_listener_locked(sock)) return -1;
+    }
     return result(srt_listen(sock, backlog));
 }
 
@@ -463,6 +510,7 @@ int epoll_remove_usock(int epid, int fd)
     if (srt_epoll_remove_usock(epid, sock) == SRT_ERROR) return -1;
     const auto it = t.m_epolls.find(epid);
     if (it != t.m_epolls.end()) it->second.erase(sock);
+    t.m_waiting[epid].erase(sock);
     return 0;
 }
 
@@ -482,6 +530,23 @@ int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
             wait_ms = std::max(0LL, timeout_ms - static_cast<long long>(spent));
         }
         from_transport();
+        {
+            // Listeners that joined the set with a connection waiting (see m_waiting).
+            CSlotTable& t = table();
+            std::lock_guard<std::mutex> lock(t.m_mutex);
+            const auto it = t.m_waiting.find(epid);
+            int filled = 0;
+            while (it != t.m_waiting.end() && !it->second.empty() && filled < max) {
+                const SRTSOCKET sock = *it->second.begin();
+                it->second.erase(it->second.begin());
+                const int fd = t.fd_of_locked(sock);
+                const auto members = t.m_epolls.find(epid);
+                if (fd >= 0 && members != t.m_epolls.end() && members->second.count(sock) != 0) {
+                    events[filled++] = SMirtEvent{fd, SRT_EPOLL_IN};
+                }
+            }
+            if (filled > 0) return filled;
+        }
         const int n = srt_epoll_uwait(epid, t_ready.data(), max, wait_ms);
         if (n < 0) return -1;
         if (n == 0) return 0;
@@ -509,6 +574,7 @@ int epoll_release(int epid)
     from_transport();
     if (srt_epoll_release(epid) == SRT_ERROR) return -1;
     t.m_epolls.erase(epid);
+    t.m_waiting.erase(epid);
     return 0;
 }
 

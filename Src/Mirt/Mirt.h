@@ -129,6 +129,8 @@ int epoll_create();
 /// Puts a socket into a set or changes its event word (null: all three bits; no bits:
 /// takes it out). Negative on failure, 0 when the socket was already in the set, 1 when
 /// this call added it.
+/// A listener that joins a set with connections already waiting is reported by the set's
+/// next wait, which the transport alone does not do.
 int epoll_add_usock(int epid, int fd, const int* events);
 int epoll_modify_usock(int epid, int fd, const int* events);
 
