@@ -16,7 +16,7 @@ enum PollBits : unsigned int {
     POLLER_IN = 1,   ///< readable (select: read set)
     POLLER_OUT = 2,  ///< writable (select: write set)
     POLLER_PRI = 4,  ///< exceptional condition (epoll: EPOLLPRI; select: exception set)
-    POLLER_ERR = 8,  ///< error on the descriptor (epoll only; always reported)
+    POLLER_ERR = 8,  ///< error on the descriptor (always reported; select: a writer's failed connect)
     POLLER_HUP = 16, ///< hang-up (epoll only; always reported)
 };
 

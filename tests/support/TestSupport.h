@@ -1,4 +1,5 @@
-// Helpers shared by the test suites: capture of log lines and failed assertions.
+// Helpers shared by the test suites: capture of log lines and failed assertions, and
+// commands of the host system run as peers.
 #pragma once
 
 #include <chrono>
@@ -71,6 +72,20 @@ private:
 
 /// Open descriptors of this process; -1 where the system does not tell (Windows).
 int OpenFds();
+
+/// Runs `command` with /bin/sh, its standard input empty, for at most `seconds` (then it
+/// and its children are killed); its standard output and error, and in `*status` its
+/// exit status: 124 when it ran out of time, -1 when it could not be run. On Windows the
+/// shell is the host's, started through Wine, so paths in `command` go through HostPath.
+std::string RunCommand(const std::string& command, int* status = nullptr, int seconds = 60);
+
+/// `path` as RunCommand's shell names it: the same on Linux, the Unix name under Wine;
+/// empty when there is none.
+std::string HostPath(const std::string& path);
+
+/// A new directory in the system's temporary directory, named `prefix` and a random
+/// suffix; empty on failure.
+std::string MakeTempDir(const std::string& prefix);
 
 /// Waits until `done()` holds, checking every millisecond; false after `timeout`.
 template <class F>

@@ -18,19 +18,24 @@ bool have_openssl_command()
     return status == 0;
 }
 
+// A file of TestPki as the openssl command names it.
+std::string pki(const std::string& name)
+{
+    return HostPath(TestPki::Path(name));
+}
+
 // `openssl s_server` in -rev mode (each line comes back reversed) for `accepts`
 // connections, run on a thread; Output() after Join().
 class OpensslServer {
 public:
     OpensslServer(const std::string& args, int accepts) : m_port(FreePort())
     {
-        const std::string command = "timeout 30 openssl s_server -accept 127.0.0.1:" + std::to_string(m_port) +
-                                    " -cert " + TestPki::Path("server/cacert.pem") + " -key " +
-                                    TestPki::Path("server/privkey.pem") + " -rev -naccept " +
-                                    std::to_string(accepts) + " " + args;
-        m_thread = std::thread([this, command] { m_output = RunCommand(command); });
-        // Listening once a plain connection gets through (s_server takes it as one of
-        // its accepts, so it is not made: poll the port with a bind test instead).
+        const std::string command = "openssl s_server -accept 127.0.0.1:" + std::to_string(m_port) + " -cert " +
+                                    pki("server/cacert.pem") + " -key " + pki("server/privkey.pem") +
+                                    " -rev -naccept " + std::to_string(accepts) + " " + args;
+        m_thread = std::thread([this, command] { m_output = RunCommand(command, nullptr, 30); });
+        // A probe connection would use up one of s_server's accepts: poll the port by
+        // trying to listen on it instead.
         for (int i = 0; i < 250 && !listening(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     ~OpensslServer() { Join(); }
@@ -43,17 +48,11 @@ public:
     }
 
 private:
-    // The port is taken once binding it fails.
+    // The port is taken once listening on it fails.
     bool listening() const
     {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(m_port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const bool taken = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0;
-        ::close(fd);
-        return taken;
+        CSockAcceptor probe;
+        return probe.Open(CSockAddrIPv4("127.0.0.1", m_port), false) != 0;
     }
 
     unsigned short m_port;
@@ -110,17 +109,17 @@ TEST_P(InteropVersions, OpensslClientResumesWithCorvaneServer)
             a.SetOption(0, 1 | 2, nullptr);  // session cache and tickets
         },
         EchoOnce, 2);
-    const std::string session = TestPki::Dir() + "/session-" + version + ".pem";
-    const std::string base = "printf 'ping\\n' | timeout 20 openssl s_client -connect 127.0.0.1:" +
+    const std::string session = pki("session-" + version + ".pem");
+    const std::string base = "printf 'ping\\n' | openssl s_client -connect 127.0.0.1:" +
                              std::to_string(server.Port()) + " -" + version + " -servername localhost -CAfile " +
-                             TestPki::Path("ca.pem") + " -verify_return_error -ign_eof ";
+                             pki("ca.pem") + " -verify_return_error -ign_eof ";
     int status = -1;
-    const std::string first = RunCommand(base + "-sess_out " + session, &status);
+    const std::string first = RunCommand(base + "-sess_out " + session, &status, 20);
     EXPECT_EQ(status, 0) << first;
     EXPECT_NE(first.find("New, TLSv1."), std::string::npos) << first;
     EXPECT_NE(first.find("Verification: OK"), std::string::npos) << first;
     EXPECT_NE(first.find("ping"), std::string::npos) << first;
-    const std::string second = RunCommand(base + "-sess_in " + session, &status);
+    const std::string second = RunCommand(base + "-sess_in " + session, &status, 20);
     EXPECT_EQ(status, 0) << second;
     EXPECT_NE(second.find("Reused, TLSv1."), std::string::npos) << second;
     EXPECT_EQ(server.Join(), 2);
@@ -131,8 +130,8 @@ INSTANTIATE_TEST_SUITE_P(Versions, InteropVersions, ::testing::Values("tls1_2", 
 TEST_F(InteropTest, ServerNameSelectsTheOpensslServersSecondIdentity)
 {
     if (!have_openssl_command()) GTEST_SKIP() << "the openssl command is not installed";
-    OpensslServer server("-servername other.test -cert2 " + TestPki::Path("other/cacert.pem") + " -key2 " +
-                             TestPki::Path("other/privkey.pem"),
+    OpensslServer server("-servername other.test -cert2 " + pki("other/cacert.pem") + " -key2 " +
+                             pki("other/privkey.pem"),
                          2);
     for (const char* name : {"other.test", ""}) {
         SCOPED_TRACE(name);
@@ -159,9 +158,8 @@ TEST_F(InteropTest, BannedVersionsAreRefused)
         },
         nullptr, 1);
     int status = -1;
-    const std::string out = RunCommand("printf '' | timeout 20 openssl s_client -connect 127.0.0.1:" +
-                                    std::to_string(server.Port()) + " -tls1_1",
-                                &status);
+    const std::string out = RunCommand(
+        "printf '' | openssl s_client -connect 127.0.0.1:" + std::to_string(server.Port()) + " -tls1_1", &status, 20);
     EXPECT_NE(status, 0) << out;
     EXPECT_EQ(server.Join(), 0);
     EXPECT_TRUE(log.Contains("SSL_accept failed"));

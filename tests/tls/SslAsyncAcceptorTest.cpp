@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "../core/Probe.h"
+#include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
 
 namespace TlsTest {
 namespace {
@@ -257,20 +259,21 @@ TEST_F(SslAsyncAcceptorTest, ClientResetMidTransferIsDroppedCleanly)
         // A client on OpenSSL alone: after the handshake and half a message it resets
         // the connection, with no TLS close at all.
         SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        namespace Platform = Qelvar::Platform;
+        const int fd = Platform::sock_open(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(server.port);
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        ASSERT_EQ(Platform::sock_connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         SSL* ssl = SSL_new(ctx);
         SSL_set_fd(ssl, fd);
         ASSERT_EQ(SSL_connect(ssl), 1);
         ASSERT_TRUE(server.accepted.WaitFor(1, std::chrono::seconds(5)));
         ASSERT_EQ(SSL_write(ssl, "half a mess", 11), 11);
         const linger reset{1, 0};
-        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-        ::close(fd);
+        Platform::sock_setopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        Platform::sock_close(fd);
         SSL_free(ssl);
         SSL_CTX_free(ctx);
 

@@ -5,6 +5,8 @@
 #include <mutex>
 
 #include "../core/Probe.h"
+#include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
 
 namespace TlsTest {
 namespace {
@@ -43,6 +45,7 @@ struct AsyncClient {
                 received.append(buf, static_cast<std::size_t>(n));
                 if (received.size() >= message.size()) echoed.Add();
             }
+            if (n < 0) probe.RemoveSock(stream);  // the peer left: no more reports of its end
             return 0;
         };
         probe.on_output_timeout = [this](int) {
@@ -154,17 +157,9 @@ TEST_F(SslAsyncStreamTest, ManyClientsHandshakeAtOnceWithoutLeaks)
 
 TEST_F(SslAsyncStreamTest, PeerResetDuringTheHandshakeReachesTheUserAsFailure)
 {
-    // A TCP server that reads the client's hello and answers with a reset.
     PlainListener plain;
     ASSERT_TRUE(plain.ok);
-    std::thread peer([&] {
-        CSockStream conn;
-        if (!plain.Accept(conn)) return;
-        char buf[512];
-        conn.Recv_n(buf, sizeof buf, 2000000);
-        const linger reset{1, 0};
-        ::setsockopt(conn.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-    });
+    std::thread peer = ResetAfterHello(plain);
     const int fds = OpenFds();
     {
         AsyncClient client;

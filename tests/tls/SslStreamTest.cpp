@@ -4,11 +4,18 @@
 #include "NoAddr.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <system_error>
+
+#include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
 
 namespace TlsTest {
 namespace {
 
+using Qelvar::Test::CapturedLog;
 using Qelvar::Test::CNoAddr;
 using Qelvar::Test::LogCapture;
 
@@ -33,7 +40,11 @@ TEST_F(SslStreamTest, EchoesWithEveryTransferCall)
     // Gathered: every element in order.
     char part1[] = "gathered ";
     char part2[] = "write";
-    iovec vec[2] = {{part1, std::strlen(part1)}, {part2, std::strlen(part2)}};
+    iovec vec[2];  // by name: the field order differs between systems
+    vec[0].iov_base = part1;
+    vec[0].iov_len = std::strlen(part1);
+    vec[1].iov_base = part2;
+    vec[1].iov_len = std::strlen(part2);
     EXPECT_EQ(client.WriteV(vec, 2), 14);
     char buf[64] = {0};
     int got = 0;
@@ -62,16 +73,19 @@ TEST_F(SslStreamTest, EchoesWithEveryTransferCall)
 
 TEST_F(SslStreamTest, BadArgumentsAndUnconnectedStreamsAreRefused)
 {
+    // A null pointer as the log lines print it: "(nil)" on Linux, zeros on Windows.
+    char null[32];
+    std::snprintf(null, sizeof null, "%p", static_cast<void*>(nullptr));
     LogCapture log;
     CSslStream stream;
     char buf[8];
     EXPECT_EQ(stream.Send(nullptr, 4), -1);
-    EXPECT_TRUE(log.Contains("send failed! buf[(nil)], len[4]"));
+    EXPECT_TRUE(log.Contains(std::string("send failed! buf[") + null + "], len[4]"));
     EXPECT_EQ(stream.Send("abc", 3), -1);
-    EXPECT_TRUE(log.Contains("Send failed!, m_ssl:(nil)"));
+    EXPECT_TRUE(log.Contains(std::string("Send failed!, m_ssl:") + null));
     EXPECT_EQ(stream.Recv(buf, 0), -1);
     EXPECT_EQ(stream.Recv(buf, sizeof buf), -1);
-    EXPECT_TRUE(log.Contains("Recv failed!, m_ssl:(nil)"));
+    EXPECT_TRUE(log.Contains(std::string("Recv failed!, m_ssl:") + null));
     EXPECT_EQ(stream.WriteV(nullptr, 1), -1);
     EXPECT_EQ(stream.Send_n(nullptr, 1, 10), -1);
     EXPECT_EQ(stream.Recv_n(nullptr, 1, 10), -1);
@@ -239,6 +253,28 @@ TEST_F(SslStreamTest, HandshakeFailuresLeaveTheGivenStreamToTheCaller)
     EXPECT_FALSE(client.IsValid());
     delete stream;
     peer.join();
+}
+
+TEST_F(SslStreamTest, PeerResetDuringTheHandshakeIsLoggedWithTheSocketError)
+{
+    PlainListener plain;
+    ASSERT_TRUE(plain.ok);
+    std::thread peer = ResetAfterHello(plain);
+    LogCapture log;
+    CSslStream client;
+    EXPECT_EQ(client.Connect(plain.Address(), nullptr), -1);
+    peer.join();
+    // The socket layer's number and text: Winsock's on Windows, not the C library's errno.
+#ifdef _WIN32
+    const int reset = WSAECONNRESET;
+#else
+    const int reset = ECONNRESET;
+#endif
+    CapturedLog line;
+    ASSERT_TRUE(log.Find("SSL_connect failed", &line));
+    EXPECT_NE(line.message.find("errno:" + std::to_string(reset) + ", " + std::system_category().message(reset)),
+              std::string::npos)
+        << line.message;
 }
 
 TEST_F(SslStreamTest, SilentAndGarbagePeersFailTheAcceptWithoutLeaks)

@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "TestSupport.h"
+
 namespace TestPki {
 
 namespace {
@@ -84,12 +86,11 @@ void write_identity(const std::string& dir, X509* cert, EVP_PKEY* key)
 
 std::string make_all()
 {
-    char pattern[] = "/tmp/corvane-pki-XXXXXX";
-    if (!mkdtemp(pattern)) {
-        std::perror("mkdtemp");
+    const std::string dir = Qelvar::Test::MakeTempDir("corvane-pki-");
+    if (dir.empty()) {
+        std::fprintf(stderr, "no temporary directory for the test certificates\n");
         std::abort();
     }
-    const std::string dir = pattern;
 
     EVP_PKEY* ca_key = new_key();
     X509* ca = make_cert("Corvane Test CA", ca_key, nullptr, nullptr, true, -1, 365, nullptr);
@@ -128,14 +129,17 @@ std::string make_all()
 }  // namespace
 
 // The directory's name for the exit handler, which may run after the string is gone.
-char g_made[64];
+char g_made[512];
 
 const std::string& Dir()
 {
     static const std::string dir = [] {
         std::string made = make_all();
         std::snprintf(g_made, sizeof g_made, "%s", made.c_str());
-        std::atexit([] { std::filesystem::remove_all(g_made); });
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(g_made, ec);
+        });
         return made;
     }();
     return dir;

@@ -1,14 +1,10 @@
 // Shared pieces of the TLS tests: a fixture that starts the library, a blocking TLS
-// server on a thread, the openssl command as a peer, and descriptor counting.
+// server on a thread, and descriptor counting.
 #pragma once
 
 #include <Corvane/Corvane.h>
 
 #include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -17,6 +13,8 @@
 #include <string>
 #include <thread>
 
+#include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
 #include "TestPki.h"
 #include "TestSupport.h"
 
@@ -26,32 +24,17 @@ using namespace Qelvar::Corvane;
 
 using Qelvar::Test::OpenFds;
 
+using Qelvar::Test::HostPath;
+using Qelvar::Test::RunCommand;
+
 /// A loopback port nobody listens on right now.
 inline unsigned short FreePort()
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
-}
-
-/// Runs a shell command; its standard output and error, and its exit status in `*status`.
-inline std::string RunCommand(const std::string& command, int* status = nullptr)
-{
-    std::string out;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) return out;
-    char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-    const int rc = ::pclose(pipe);
-    if (status) *status = rc;
-    return out;
+    CSockAcceptor acceptor;
+    if (acceptor.Open(CSockAddrIPv4("127.0.0.1", 0), false) != 0) return 0;
+    CSockAddrStorage bound;
+    acceptor.GetLocalAddr(&bound);
+    return bound.GetPort();
 }
 
 /// A blocking TCP listener on loopback, for peers that do not speak TLS (or not yet).
@@ -77,6 +60,19 @@ struct PlainListener {
     unsigned short port = 0;
     bool ok = false;
 };
+
+/// A peer on `plain` that reads the client's hello and answers with a reset.
+inline std::thread ResetAfterHello(PlainListener& plain)
+{
+    return std::thread([&plain] {
+        CSockStream conn;
+        if (!plain.Accept(conn)) return;
+        char buf[512];
+        conn.Recv_n(buf, sizeof buf, 2000000);
+        const linger reset{1, 0};
+        Qelvar::Platform::sock_setopt(conn.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    });
+}
 
 /// Starts the library's pools (and with them the TLS library) for each test.
 class TlsFixture : public ::testing::Test {

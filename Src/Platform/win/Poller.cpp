@@ -11,7 +11,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "Platform/Error.h"
 #include "Platform/win/WINPipe.h"
@@ -85,7 +85,8 @@ struct CPoller::Impl {
     std::mutex m_wake_mutex;                ///< guards m_wakeups
     SocketSet m_working[SET_COUNT];         ///< handed to select(); only Wait() uses them
     SocketSet m_master[SET_COUNT];          ///< the armed interest
-    std::unordered_set<int> m_watched;      ///< every descriptor from Add() to Remove(), armed or not
+    /// Every descriptor from Add() to Remove(), armed or not, with its interest.
+    std::unordered_map<int, unsigned int> m_watched;
     CWINPipe m_pipe;
     int m_wakeups = 0;                      ///< bytes in the pipe not yet read
 
@@ -94,6 +95,8 @@ struct CPoller::Impl {
         for (int i = 0; i < SET_COUNT; ++i) {
             if (interest & kSetBits[i]) set_add(m_master[i], static_cast<SOCKET>(fd));
         }
+        // select() reports a failed connect in the exception set alone: a writer watches it too.
+        if (interest & POLLER_OUT) set_add(m_master[EXCEPT_SET], static_cast<SOCKET>(fd));
     }
 
     void disarm(int fd)
@@ -113,8 +116,11 @@ struct CPoller::Impl {
                 set_last_error(watched ? WSAEINVAL : WSAENOTSOCK);
                 return -1;
             }
-            if (op == CHANGE_ADD) m_watched.insert(fd);
-            if (op == CHANGE_REMOVE) m_watched.erase(fd);
+            if (op == CHANGE_REMOVE) {
+                m_watched.erase(fd);
+            } else {
+                m_watched[fd] = interest;
+            }
             disarm(fd);
             if (op != CHANGE_REMOVE) arm(fd, interest);
         }
@@ -252,7 +258,12 @@ int CPoller::Wait(long long timeout_us, SPollReady* ready, int capacity)
     std::lock_guard<std::mutex> lock(p.m_sets_mutex);
     int kept = 0;
     for (int j = 0; j < count; ++j) {
-        if (p.m_watched.count(ready[j].fd) == 0) continue;
+        const auto watched = p.m_watched.find(ready[j].fd);
+        if (watched == p.m_watched.end()) continue;
+        // An exception on a socket watched only for writing is its connect failing.
+        if ((ready[j].events & POLLER_PRI) && !(watched->second & POLLER_PRI)) {
+            ready[j].events = (ready[j].events & ~POLLER_PRI) | POLLER_ERR;
+        }
         p.disarm(ready[j].fd);
         ready[kept++] = ready[j];
     }
