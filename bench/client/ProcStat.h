@@ -3,6 +3,11 @@
 #pragma once
 
 #include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
 
 #include <fstream>
 #include <sstream>
@@ -60,6 +65,54 @@ inline double OwnCpuSeconds()
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+/// The CPU counters at one moment of a measured window; `at` is the caller's clock (ns).
+struct CpuSample {
+    std::int64_t at = 0;
+    Ticks server;
+    long long machine = 0;
+    double own = 0;
+};
+
+inline CpuSample TakeCpuSample(int server_pid, std::int64_t at_ns)
+{
+    CpuSample s;
+    if (server_pid > 0) {
+        s.server = ProcessTicks(server_pid);
+    }
+    s.machine = MachineBusyTicks();
+    s.own = OwnCpuSeconds();
+    s.at = at_ns;
+    return s;
+}
+
+/// Cores kept busy between two samples: the server (0 when unknown, with a note naming
+/// `who`), this client, and every other process.
+struct CpuShares {
+    double window_s = 0;
+    double server = 0;
+    double client = 0;
+    double other = 0;
+};
+
+inline CpuShares CpuBetween(const CpuSample& first, const CpuSample& last, int server_pid, const char* who)
+{
+    CpuShares c;
+    c.window_s = static_cast<double>(last.at - first.at) / 1e9;
+    const double tick = 1.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
+    if (server_pid > 0) {
+        if (!first.server.Valid() || !last.server.Valid()) {
+            std::fprintf(stderr, "%s: note: cannot read /proc/%d/stat\n", who, server_pid);
+        } else {
+            c.server = static_cast<double>(last.server.user - first.server.user + last.server.sys - first.server.sys) *
+                       tick / c.window_s;
+        }
+    }
+    c.client = (last.own - first.own) / c.window_s;
+    const double machine = static_cast<double>(last.machine - first.machine) * tick / c.window_s;
+    c.other = std::max(0.0, machine - c.client - c.server);
+    return c;
 }
 
 }  // namespace EchoBench

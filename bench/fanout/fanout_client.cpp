@@ -42,9 +42,22 @@
 // (MB: 10^6 bytes; *_cpu in cores; a stalled connection completed no frame in the last
 // second of the window.) Exit status 1 only when the run itself cannot go on (bad
 // options, no descriptors); what the server does is reported, never fatal.
+//
+// Built with SRT_TRANSPORT (srt_fanout_client, for bench/run-srt) the receivers are
+// reliable-UDP callers in live mode instead of TCP connections, with SRTO_LATENCY set by
+// --latency MS on each; every message is appended to the receiver's byte stream, which
+// is parsed as above. Latency quantiles are then exact (every sample kept), since a
+// histogram bucket at the tens of ms the latency budget adds is wider than the
+// differences looked for. Slow readers are not offered there.
 #include "../client/Histogram.h"
 #include "../client/ProcStat.h"
 #include "StampSei.h"
+#ifdef SRT_TRANSPORT
+#include "../srt/Samples.h"
+#include "../srt/SrtBench.h"
+
+#include <unordered_map>
+#endif
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -72,10 +85,15 @@
 namespace {
 
 using EchoBench::Histogram;
-using EchoBench::MachineBusyTicks;
-using EchoBench::OwnCpuSeconds;
-using EchoBench::ProcessTicks;
-using EchoBench::Ticks;
+#ifdef SRT_TRANSPORT
+using Latencies = SrtBench::Samples;
+#else
+using Latencies = EchoBench::Histogram;
+#endif
+using EchoBench::CpuBetween;
+using EchoBench::CpuSample;
+using EchoBench::CpuShares;
+using EchoBench::TakeCpuSample;
 using namespace FanoutBench;
 
 constexpr std::int64_t kSecond = 1000000000;
@@ -117,6 +135,7 @@ struct Options {
     double fps = 25;
     int server_pid = 0;
     bool verbose = false;
+    int latency_ms = -1;  // SRT_TRANSPORT: SRTO_LATENCY (-1: the library's default)
 };
 
 /// Times shared by every thread.
@@ -167,10 +186,19 @@ struct Conn {
 };
 
 struct GroupStats {
-    Histogram latency;  // frames completed in the window
+    Latencies latency;  // frames completed in the window
     Histogram join;
     std::int64_t latency_max = 0;
 };
+
+void CloseSocket(int fd)
+{
+#ifdef SRT_TRANSPORT
+    srt_close(fd);
+#else
+    close(fd);
+#endif
+}
 
 class Worker {
 public:
@@ -186,16 +214,29 @@ public:
 
     void Run()
     {
+#ifdef SRT_TRANSPORT
+        m_epoll = srt_epoll_create();
+        if (m_epoll < 0) {
+            std::fprintf(stderr, "fanout_client: srt_epoll_create: %s\n", srt_getlasterror_str());
+            return;
+        }
+        srt_epoll_set(m_epoll, SRT_EPOLL_ENABLE_EMPTY);
+#else
         m_epoll = epoll_create1(EPOLL_CLOEXEC);
         if (m_epoll < 0) {
             std::fprintf(stderr, "fanout_client: epoll_create1: %s\n", std::strerror(errno));
             return;
         }
+#endif
         std::sort(m_conns.begin(), m_conns.end(), [](const Conn& a, const Conn& b) { return a.due < b.due; });
         std::size_t next_connect = 0;
         std::int64_t next_tick = m_schedule.start;
         std::int64_t last_tick = m_schedule.start;
+#ifdef SRT_TRANSPORT
+        std::vector<SRT_EPOLL_EVENT> events(1024);
+#else
         std::vector<epoll_event> events(1024);
+#endif
         for (;;) {
             std::int64_t now = Now();
             if (now >= m_schedule.window_end) {
@@ -215,6 +256,23 @@ public:
                 wake = std::min(wake, m_conns[next_connect].due);
             }
             int timeout_ms = static_cast<int>(std::max<std::int64_t>(0, (wake - now + kMs - 1) / kMs));
+#ifdef SRT_TRANSPORT
+            const int n = srt_epoll_uwait(m_epoll, events.data(), static_cast<int>(events.size()), timeout_ms);
+            for (int i = 0; i < std::min(n, static_cast<int>(events.size())); ++i) {
+                const auto found = m_index.find(events[static_cast<std::size_t>(i)].fd);
+                if (found == m_index.end()) {
+                    continue;
+                }
+                Conn& conn = m_conns[found->second];
+                if (!conn.connected) {
+                    FinishConnect(conn, static_cast<std::uint32_t>(events[static_cast<std::size_t>(i)].events));
+                } else {
+                    // One message per receive: take all that are ready.
+                    while (conn.fd >= 0 && ReadSome(conn, kReadSize) > 0) {
+                    }
+                }
+            }
+#else
             int n = epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout_ms);
             if (n < 0 && errno != EINTR) {
                 std::fprintf(stderr, "fanout_client: epoll_wait: %s\n", std::strerror(errno));
@@ -229,14 +287,19 @@ public:
                     ReadSome(conn, kReadSize);
                 }
             }
+#endif
         }
         for (Conn& conn : m_conns) {
             if (conn.fd >= 0) {
-                close(conn.fd);
+                CloseSocket(conn.fd);
                 conn.fd = -1;
             }
         }
+#ifdef SRT_TRANSPORT
+        srt_epoll_release(m_epoll);
+#else
         close(m_epoll);
+#endif
     }
 
     const std::vector<Conn>& Conns() const { return m_conns; }
@@ -250,6 +313,26 @@ private:
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<std::uint16_t>(m_options.port));
         inet_pton(AF_INET, m_options.host.c_str(), &addr.sin_addr);
+#ifdef SRT_TRANSPORT
+        const SRTSOCKET s = srt_create_socket();
+        if (s == SRT_INVALID_SOCK) {
+            std::fprintf(stderr, "fanout_client: srt_create_socket: %s\n", srt_getlasterror_str());
+            conn.failed = true;
+            return;
+        }
+        // Not blocking: the connect completes when the socket reports writable.
+        if (!SrtBench::SetLiveOptions(s, m_options.latency_ms, false) ||
+            srt_connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == SRT_ERROR) {
+            conn.failed = true;
+            srt_close(s);
+            return;
+        }
+        conn.fd = s;
+        m_index[s] = static_cast<std::size_t>(&conn - m_conns.data());
+        const int watch = SRT_EPOLL_OUT | SRT_EPOLL_ERR;
+        srt_epoll_add_usock(m_epoll, s, &watch);
+        return;
+#endif
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (fd < 0) {
             std::fprintf(stderr, "fanout_client: socket: %s\n", std::strerror(errno));
@@ -273,6 +356,19 @@ private:
 
     void FinishConnect(Conn& conn, std::uint32_t what)
     {
+#ifdef SRT_TRANSPORT
+        if ((what & SRT_EPOLL_ERR) != 0 || srt_getsockstate(conn.fd) != SRTS_CONNECTED) {
+            conn.failed = true;
+            srt_epoll_remove_usock(m_epoll, conn.fd);
+            srt_close(conn.fd);
+            conn.fd = -1;
+            return;
+        }
+        conn.connected = true;
+        const int watch = SRT_EPOLL_IN | SRT_EPOLL_ERR;
+        srt_epoll_update_usock(m_epoll, conn.fd, &watch);
+        return;
+#endif
         int err = 0;
         socklen_t len = sizeof err;
         if (!(what & EPOLLOUT) || getsockopt(conn.fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) {
@@ -318,16 +414,30 @@ private:
     /// One recv of at most `want` bytes; the bytes read, 0 when none.
     ssize_t ReadSome(Conn& conn, std::size_t want)
     {
+#ifdef SRT_TRANSPORT
+        ssize_t n = srt_recvmsg(conn.fd, reinterpret_cast<char*>(m_buf), static_cast<int>(want));
+        if (n < 0) {
+            if (SrtBench::WouldBlock()) {
+                return 0;
+            }
+            errno = ECONNRESET;
+        }
+#else
         ssize_t n = recv(conn.fd, m_buf, want, 0);
+#endif
         if (n <= 0) {
             if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
                 return 0;
             }
             conn.closed = true;
             if (conn.group != kSlow) {
+#ifdef SRT_TRANSPORT
+                srt_epoll_remove_usock(m_epoll, conn.fd);
+#else
                 epoll_ctl(m_epoll, EPOLL_CTL_DEL, conn.fd, nullptr);
+#endif
             }
-            close(conn.fd);
+            CloseSocket(conn.fd);
             conn.fd = -1;
             return 0;
         }
@@ -514,11 +624,21 @@ private:
     std::vector<Conn*> m_slow;
     GroupStats m_stats[kGroups];
     int m_epoll = -1;
+#ifdef SRT_TRANSPORT
+    std::unordered_map<SRTSOCKET, std::size_t> m_index;  // socket -> m_conns
+#endif
     std::uint8_t m_buf[kReadSize];
 };
 
 [[noreturn]] void Usage()
 {
+#ifdef SRT_TRANSPORT
+    std::fprintf(stderr,
+                 "usage: srt_fanout_client --port P [--host 127.0.0.1] [--connections N] [--threads T]\n"
+                 "                         [--latency MS] [--joiners J] [--connect-rate PER_S] [--warmup S]\n"
+                 "                         [--duration S] [--fps 25] [--server-pid PID] [--verbose 1]\n");
+    std::exit(2);
+#endif
     std::fprintf(stderr,
                  "usage: fanout_client --port P [--host 127.0.0.1] [--connections N] [--threads T]\n"
                  "                     [--slow-every K --slow-rate BYTES_PER_S [--slow-rcvbuf BYTES]]\n"
@@ -564,6 +684,10 @@ Options ParseOptions(int argc, char** argv)
             o.server_pid = std::atoi(v);
         } else if (arg == "--verbose") {
             o.verbose = std::atoi(v) != 0;
+#ifdef SRT_TRANSPORT
+        } else if (arg == "--latency") {
+            o.latency_ms = std::atoi(v);
+#endif
         } else {
             Usage();
         }
@@ -575,26 +699,17 @@ Options ParseOptions(int argc, char** argv)
         o.duration <= 0 || o.duration > 600 || o.fps <= 0 || inet_pton(AF_INET, o.host.c_str(), &probe) != 1) {
         Usage();
     }
+#ifdef SRT_TRANSPORT
+    if (o.slow_every > 0 || o.latency_ms > 10000) {
+        Usage();
+    }
+#endif
     return o;
 }
 
-struct Sample {
-    std::int64_t at = 0;
-    Ticks server;
-    long long machine = 0;
-    double own = 0;
-};
-
-Sample Take(int pid)
+CpuSample Take(int pid)
 {
-    Sample s;
-    if (pid > 0) {
-        s.server = ProcessTicks(pid);
-    }
-    s.machine = MachineBusyTicks();
-    s.own = OwnCpuSeconds();
-    s.at = Now();
-    return s;
+    return TakeCpuSample(pid, Now());
 }
 
 double Ms(std::uint64_t ns) { return static_cast<double>(ns) / 1e6; }
@@ -604,6 +719,10 @@ double Ms(std::uint64_t ns) { return static_cast<double>(ns) / 1e6; }
 int main(int argc, char** argv)
 {
     const Options o = ParseOptions(argc, argv);
+#ifdef SRT_TRANSPORT
+    srt_startup();
+    srt_setloglevel(LOG_ERR);
+#endif
     Schedule schedule;
     schedule.start = Now() + 20 * kMs;
     schedule.window_begin = schedule.start + static_cast<std::int64_t>(o.warmup * 1e9);
@@ -630,34 +749,29 @@ int main(int argc, char** argv)
         threads.emplace_back([&worker] { worker->Run(); });
     }
     SleepUntil(schedule.window_begin);
-    const Sample first = Take(o.server_pid);
+    const CpuSample first = Take(o.server_pid);
     SleepUntil(schedule.window_end);
-    const Sample last = Take(o.server_pid);
+    const CpuSample last = Take(o.server_pid);
     for (std::thread& thread : threads) {
         thread.join();
     }
+#ifdef SRT_TRANSPORT
+    srt_cleanup();
+#endif
 
-    const double window = static_cast<double>(last.at - first.at) / 1e9;
-    const double tick = 1.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
-    double server_cpu = 0;
-    if (o.server_pid > 0) {
-        if (!first.server.Valid() || !last.server.Valid()) {
-            std::fprintf(stderr, "fanout_client: note: cannot read /proc/%d/stat\n", o.server_pid);
-        } else {
-            server_cpu = static_cast<double>(last.server.user - first.server.user + last.server.sys -
-                                             first.server.sys) * tick / window;
-        }
-    }
-    const double client_cpu = (last.own - first.own) / window;
-    const double machine_cpu = static_cast<double>(last.machine - first.machine) * tick / window;
-    const double other_cpu = std::max(0.0, machine_cpu - client_cpu - server_cpu);
+    const CpuShares cpu = CpuBetween(first, last, o.server_pid, "fanout_client");
+    const double window = cpu.window_s;
+    const double server_cpu = cpu.server;
+    const double client_cpu = cpu.client;
+    const double other_cpu = cpu.other;
 
     struct Totals {
         int conns = 0, connected = 0, closed = 0, joined = 0, first_key = 0, first_bad = 0, stalled = 0;
         std::uint64_t bytes = 0, frames = 0, skipped = 0, gaps = 0, resync_key = 0, resync_bad = 0,
                       backwards = 0, torn = 0, mismatch = 0;
         double fps_min = -1;
-        Histogram latency, join;
+        Latencies latency;
+        Histogram join;
         std::int64_t latency_max = 0;
     } g[kGroups];
     int connect_failed = 0;

@@ -27,7 +27,14 @@
 // run early, with the line. Exit status 1
 // when the file cannot be used or the server cannot be reached; a server that closes the
 // input ends the run early with status 0 and a note.
+//
+// Built with SRT_TRANSPORT (srt_fanout_producer, for bench/run-srt) it is a reliable-UDP
+// caller in live mode instead (SRTO_LATENCY from --latency MS), and each write goes out
+// as messages of at most 1316 bytes, the first taking the send time.
 #include "StampSei.h"
+#ifdef SRT_TRANSPORT
+#include "../srt/SrtBench.h"
+#endif
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -36,6 +43,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
@@ -80,6 +88,7 @@ struct Options {
     double seconds = 10;
     double connect_wait = 10;
     bool aud_last = true;
+    int latency_ms = -1;  // SRT_TRANSPORT: SRTO_LATENCY (-1: the library's default)
 };
 
 struct AccessUnit {
@@ -205,6 +214,13 @@ bool LoadAccessUnits(const std::string& path, std::vector<AccessUnit>& aus)
 
 [[noreturn]] void Usage()
 {
+#ifdef SRT_TRANSPORT
+    std::fprintf(stderr,
+                 "usage: srt_fanout_producer --file F.h264 --port P [--host 127.0.0.1] [--fps 25]\n"
+                 "                           [--seconds S] [--connect-wait SECONDS] [--aud-last 1|0]\n"
+                 "                           [--latency MS]\n");
+    std::exit(2);
+#endif
     std::fprintf(stderr,
                  "usage: fanout_producer --file F.h264 --port P [--host 127.0.0.1] [--fps 25]\n"
                  "                       [--seconds S] [--connect-wait SECONDS] [--aud-last 1|0]\n");
@@ -234,6 +250,10 @@ Options ParseOptions(int argc, char** argv)
             o.connect_wait = std::atof(value.c_str());
         } else if (arg == "--aud-last") {
             o.aud_last = value != "0";
+#ifdef SRT_TRANSPORT
+        } else if (arg == "--latency") {
+            o.latency_ms = std::atoi(value.c_str());
+#endif
         } else {
             Usage();
         }
@@ -245,6 +265,49 @@ Options ParseOptions(int argc, char** argv)
     return o;
 }
 
+#ifdef SRT_TRANSPORT
+/// A blocking connected caller, retried every 50 ms until the deadline; -1 on failure.
+int ConnectWithRetry(const Options& o)
+{
+    sockaddr_in addr{};
+    if (!SrtBench::MakeAddress(o.host, o.port, addr)) {
+        std::fprintf(stderr, "fanout_producer: bad IPv4 address %s\n", o.host.c_str());
+        return -1;
+    }
+    const std::int64_t deadline = Now() + static_cast<std::int64_t>(o.connect_wait * 1e9);
+    for (;;) {
+        const SRTSOCKET s = srt_create_socket();
+        if (s == SRT_INVALID_SOCK) {
+            std::fprintf(stderr, "fanout_producer: srt_create_socket: %s\n", srt_getlasterror_str());
+            return -1;
+        }
+        if (SrtBench::SetLiveOptions(s, o.latency_ms, true) &&
+            srt_connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != SRT_ERROR) {
+            return s;
+        }
+        const std::string why = srt_getlasterror_str();
+        srt_close(s);
+        if (Now() >= deadline) {
+            std::fprintf(stderr, "fanout_producer: connect to %s:%d: %s\n", o.host.c_str(), o.port, why.c_str());
+            return -1;
+        }
+        SleepUntil(Now() + 50000000);
+    }
+}
+
+/// One message of at most the live payload; as send() for the loop below.
+ssize_t SendSome(int s, const std::uint8_t* data, std::size_t len)
+{
+    const int n = srt_sendmsg(s, reinterpret_cast<const char*>(data),
+                              static_cast<int>(std::min<std::size_t>(len, SrtBench::kLivePayload)), -1, 1);
+    if (n < 0) {
+        errno = ECONNRESET;
+    }
+    return n;
+}
+
+void CloseSocket(int s) { srt_close(s); }
+#else
 /// A blocking connected socket, retried every 50 ms until the deadline; -1 on failure.
 int ConnectWithRetry(const Options& o)
 {
@@ -278,6 +341,14 @@ int ConnectWithRetry(const Options& o)
     }
 }
 
+ssize_t SendSome(int fd, const std::uint8_t* data, std::size_t len)
+{
+    return send(fd, data, len, MSG_NOSIGNAL);
+}
+
+void CloseSocket(int fd) { close(fd); }
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -298,6 +369,10 @@ int main(int argc, char** argv)
     action.sa_handler = OnSignal;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
+#ifdef SRT_TRANSPORT
+    srt_startup();
+    srt_setloglevel(LOG_ERR);
+#endif
     const int fd = ConnectWithRetry(o);
     if (fd < 0) {
         return 1;
@@ -338,7 +413,7 @@ int main(int argc, char** argv)
         }
         std::size_t done = 0;
         while (done < out.size()) {
-            ssize_t n = send(fd, out.data() + done, out.size() - done, MSG_NOSIGNAL);
+            ssize_t n = SendSome(fd, out.data() + done, out.size() - done);
             if (n > 0) {
                 done += static_cast<std::size_t>(n);
             } else if (n < 0 && errno == EINTR) {
@@ -353,11 +428,14 @@ int main(int argc, char** argv)
         bytes += done;
         sent += closed ? 0 : 1;
     }
-    close(fd);
+    CloseSocket(fd);
     const double seconds = static_cast<double>(Now() - start) / 1e9;
     std::printf("PRODUCER frames=%" PRIu64 " bytes=%" PRIu64 " seconds=%.3f mbit_per_s=%.3f "
                 "max_behind_ms=%.3f key_every=%d\n",
                 sent, bytes, seconds, static_cast<double>(bytes) * 8 / 1e6 / seconds,
                 static_cast<double>(max_behind) / 1e6, key_every);
+#ifdef SRT_TRANSPORT
+    srt_cleanup();
+#endif
     return 0;
 }
