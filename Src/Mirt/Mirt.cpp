@@ -517,9 +517,16 @@ int epoll_remove_usock(int epid, int fd)
 int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
 {
     if (!events || max <= 0) return refuse(MIRT_ERR_INVALID_ARG);
-    // One buffer per thread: the dispatcher waits with 512 entries every time.
-    thread_local std::vector<SRT_EPOLL_EVENT> t_ready;
-    if (t_ready.size() < static_cast<std::size_t>(max)) t_ready.resize(static_cast<std::size_t>(max));
+    // Not a thread_local: with mingw-w64 a thread-local object is destroyed after its
+    // storage has been freed as the thread ends. The dispatcher's 512 fit on the stack.
+    constexpr int kStackEvents = 512;
+    SRT_EPOLL_EVENT stack_ready[kStackEvents];
+    std::vector<SRT_EPOLL_EVENT> heap_ready;
+    SRT_EPOLL_EVENT* ready = stack_ready;
+    if (max > kStackEvents) {
+        heap_ready.resize(static_cast<std::size_t>(max));
+        ready = heap_ready.data();
+    }
 
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
@@ -547,7 +554,7 @@ int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
             }
             if (filled > 0) return filled;
         }
-        const int n = srt_epoll_uwait(epid, t_ready.data(), max, wait_ms);
+        const int n = srt_epoll_uwait(epid, ready, max, wait_ms);
         if (n < 0) return -1;
         if (n == 0) return 0;
         int filled = 0;
@@ -556,10 +563,10 @@ int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
             std::lock_guard<std::mutex> lock(t.m_mutex);
             // The transport may count one entry past `max`.
             for (int i = 0; i < std::min(n, max); ++i) {
-                const int fd = t.fd_of_locked(t_ready[i].fd);
+                const int fd = t.fd_of_locked(ready[i].fd);
                 // Closed since it became ready: not reported.
                 if (fd < 0) continue;
-                events[filled++] = SMirtEvent{fd, static_cast<unsigned int>(t_ready[i].events)};
+                events[filled++] = SMirtEvent{fd, static_cast<unsigned int>(ready[i].events)};
             }
         }
         // Only closed sockets were ready: wait on for the time left.

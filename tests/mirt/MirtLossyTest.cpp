@@ -4,9 +4,14 @@
 // must end in an error, the socket closed and deregistered.
 #include <Corvane/Config.h>
 
+// Linux only: the path is made of network namespaces and nftables rules.
 #if CORVANE_HAVE_SRT && !defined(_WIN32)
 
 #include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <Corvane/EventMask.h>
 #include <Corvane/MirtAcceptor.h>

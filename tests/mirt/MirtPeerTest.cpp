@@ -5,54 +5,43 @@
 
 #if CORVANE_HAVE_SRT
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "MirtSupport.h"
-
-extern char** environ;
+#include "TestSupport.h"
 
 namespace MirtTest {
 namespace {
 
 bool have_srt_live_transmit()
 {
-    return std::system("command -v srt-live-transmit >/dev/null 2>&1") == 0;
+    // Asked once: under Wine every command costs a start of the host's shell.
+    static const bool have = [] {
+        int status = -1;
+        Qelvar::Test::RunCommand("command -v srt-live-transmit", &status, 10);
+        return status == 0;
+    }();
+    return have;
 }
 
-// srt-live-transmit from `input` to `output`, quiet, killed with the test (and ending on
-// its own after 15 s should the test die).
+// srt-live-transmit from `input` to `output`, quiet, run by the host's shell (on Windows
+// too, through Wine), ended with the test and on its own after 15 s should the test die.
+// Its data comes and goes over UDP: a host program under Wine has no pipe to us.
 class CLiveTransmit {
 public:
-    CLiveTransmit(std::string input, std::string output)
+    CLiveTransmit(const std::string& input, const std::string& output)
+        : m_pid(Qelvar::Test::StartCommand("exec srt-live-transmit -q -t:15 '" + input + "' '" + output + "'", 20))
     {
-        std::string args[] = {"srt-live-transmit", "-q", "-t:15", std::move(input), std::move(output)};
-        char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(), args[4].data(), nullptr};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (posix_spawnp(&m_pid, argv[0], &actions, nullptr, argv, environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
     }
-    ~CLiveTransmit()
-    {
-        if (m_pid <= 0) return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
+    ~CLiveTransmit() { Qelvar::Test::StopCommand(m_pid); }
     CLiveTransmit(const CLiveTransmit&) = delete;
     CLiveTransmit& operator=(const CLiveTransmit&) = delete;
 
     bool Started() const { return m_pid > 0; }
 
 private:
-    pid_t m_pid = -1;
+    int m_pid;
 };
 
 // Connects to a listener that is starting up: tries for up to 3 s.

@@ -238,9 +238,17 @@ void many_callers(const Addr& local, int callers)
 // then a few over IPv6.
 TEST(MirtStreamTest, ManyCallersAtOnceAreAllAcceptedAndEchoedOverIpv4AndIpv6)
 {
+#ifdef _WIN32
+    // 100 under Wine: each caller brings two transport threads whose every wait goes
+    // through the one wine server thread, which at 200 callers is busy all the time and
+    // lets handshakes run out of time.
+    constexpr int kCallers = 100;
+#else
+    constexpr int kCallers = 500;
+#endif
     PoolScope pool(4);
     ASSERT_TRUE(pool.ok());
-    many_callers(CSockAddrIPv4("127.0.0.1", 0), 500);
+    many_callers(CSockAddrIPv4("127.0.0.1", 0), kCallers);
     many_callers(CSockAddrIPv6("::1", 0), 3);
 }
 

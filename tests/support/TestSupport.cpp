@@ -147,6 +147,31 @@ std::string bounded(const std::string& command, int seconds)
 
 }  // namespace
 
+// The shell that starts it has gone by the time it ends, and nobody may reap what is
+// left: a zombie counts as gone.
+int StartCommand(const std::string& command, int seconds)
+{
+    int status = -1;
+    const std::string out = RunCommand(bounded(command, seconds) + " >/dev/null 2>&1 & echo $!", &status, 10);
+    const int pid = std::atoi(out.c_str());
+    return status == 0 && pid > 0 ? pid : -1;
+}
+
+bool StopCommand(int pid)
+{
+    if (pid <= 0) return false;
+    const std::string p = std::to_string(pid);
+    // timeout leads the group (once it has set it up), so one signal reaches the
+    // command's children too.
+    const std::string stop = "kill -TERM -" + p + " 2>/dev/null || kill -TERM " + p + " 2>/dev/null; " +
+                             "i=0; while [ $i -lt 50 ]; do case $(cat /proc/" + p + "/stat 2>/dev/null) in " +
+                             "''|*') Z '*) exit 0;; esac; sleep 0.1; i=$((i+1)); done; " +
+                             "kill -KILL -" + p + " 2>/dev/null; exit 1";
+    int status = -1;
+    RunCommand(stop, &status, 10);
+    return status == 0;
+}
+
 std::string MakeTempDir(const std::string& prefix)
 {
     std::error_code ec;

@@ -79,6 +79,15 @@ int OpenFds();
 /// shell is the host's, started through Wine, so paths in `command` go through HostPath.
 std::string RunCommand(const std::string& command, int* status = nullptr, int seconds = 60);
 
+/// Starts `command` with /bin/sh in the background, its standard input and output
+/// /dev/null, for at most `seconds`, and returns at once: the host's process id of the
+/// group that runs it (for StopCommand), or -1 when it could not be started.
+int StartCommand(const std::string& command, int seconds);
+
+/// Ends the group of a StartCommand and waits up to 5 s until it is gone; false when it
+/// is still there.
+bool StopCommand(int pid);
+
 /// `path` as RunCommand's shell names it: the same on Linux, the Unix name under Wine;
 /// empty when there is none.
 std::string HostPath(const std::string& path);
