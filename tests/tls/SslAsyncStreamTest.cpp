@@ -2,7 +2,13 @@
 // as events, transfers afterwards.
 #include "TlsSupport.h"
 
+#include <memory>
 #include <mutex>
+#include <vector>
+
+#ifndef _WIN32
+#include <sys/resource.h>
+#endif
 
 #include "../core/Probe.h"
 #include "Platform/SockTypes.h"
@@ -217,6 +223,58 @@ TEST_F(SslAsyncStreamTest, HandlerClosedDuringTheHandshakeIsSkipped)
     EXPECT_TRUE(log.WaitFor("registerNotifyUser obj_id", std::chrono::seconds(5)));
     EXPECT_EQ(calls.load(), 0);
     server.join();
+}
+
+
+// Windows' select sets hold 4096 sockets each, the poller's wake-up socket included. A TLS
+// client whose handshake needs the read set once it is full hears nothing: its handshake
+// ends in the user's time-out, until a socket leaves and makes room. Linux has no cap.
+TEST_F(SslAsyncStreamTest, FullReadSetStallsTheHandshakeUntilASocketLeaves)
+{
+    constexpr int kFillers = 4095;
+#ifdef _WIN32
+    constexpr bool capped = true;
+#else
+    constexpr bool capped = false;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < kFillers + 256) GTEST_SKIP() << "needs " << kFillers + 256 << " descriptors";
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+#endif
+    ServerThread server(UseServerCert, Echo, 2);
+    // Quiet UDP sockets that sit in the read set for the whole test.
+    std::vector<std::unique_ptr<CSockDgram>> fillers;
+    Probe holder;
+    for (int i = 0; i < kFillers; ++i) {
+        fillers.push_back(std::make_unique<CSockDgram>());
+        const CSockAddrIPv4 local("127.0.0.1", 0);
+        ASSERT_EQ(fillers.back()->Open(&local), 0) << i;
+        ASSERT_EQ(holder.RegisterSock(*fillers.back(), MASK_READ, 0), 0) << i;
+    }
+    {
+        AsyncClient first("past the cap");
+        ASSERT_EQ(first.stream.Connect(server.Address(), nullptr), 0);
+        ASSERT_EQ(first.probe.RegisterSock(first.stream, MASK_WRITE, 1000000), 0);
+        if (capped) {
+            ASSERT_TRUE(first.timeouts.WaitFor(1, std::chrono::seconds(5)));
+            EXPECT_EQ(first.outputs.load(), 0);
+        } else {
+            ASSERT_TRUE(first.echoed.WaitFor(1, std::chrono::seconds(5)));
+        }
+    }
+    holder.RemoveSock(*fillers.back());
+    fillers.pop_back();
+    {
+        AsyncClient second("room again");
+        ASSERT_EQ(second.stream.Connect(server.Address(), nullptr), 0);
+        ASSERT_EQ(second.probe.RegisterSock(second.stream, MASK_WRITE, 5000000), 0);
+        ASSERT_TRUE(second.echoed.WaitFor(1, std::chrono::seconds(10)));
+        EXPECT_EQ(second.Received(), second.message);
+    }
+    EXPECT_EQ(server.Join(), capped ? 1 : 2);
+    for (auto& filler : fillers) holder.RemoveSock(*filler);
+    holder.Close();
 }
 
 }  // namespace
