@@ -30,7 +30,9 @@ enum EMirtTransfer : int {
 /// payload size (1316 bytes unless SetPayloadSize changed it) and returns the bytes it
 /// took, so a longer buffer goes out in several calls (Send_n and WriteV do that, and the
 /// stream and media senders write through WriteV); Recv returns one message and wants a
-/// buffer of at least the payload size. File mode is a byte stream like TCP.
+/// buffer of at least the payload size. File mode is a byte stream like TCP; note that
+/// a loss among its first packets leaves the transport's file congestion control sending
+/// a few dozen packets a second, recovering only slowly.
 ///
 /// The blocking flag (SetBlockOpt, non-blocking at construction) is applied when the
 /// socket is made or accepted, and again by the next operation when it changed since.
