@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Fundel/ThreadName.h"
-#include "Probe.h"
+#include "Inbox.h"
 #include "TestSupport.h"
 
 using namespace std::chrono_literals;
@@ -89,15 +89,10 @@ TEST(Message, NotifyIORunsOnAFileThread)
     }
     // Without file threads the message is dropped, and the sender is told.
     PoolScope scope(2, false);
-    Qelvar::Test::LogCapture log(3);
-    Probe p(0);
-    p.on_message = [&](long, unsigned int, long) {
-        got.Add();
-        return 0;
-    };
-    p.NotifyIO(p.GetID(), 3, 0);
+    LogCapture log(3);
+    Inbox p;
+    p.probe.NotifyIO(p.Id(), 3, 0);
     std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(got.Count(), 1);
+    EXPECT_EQ(p.Count(3), 0);
     EXPECT_TRUE(log.Contains("no file thread is running, message dropped"));
-    p.Close();
 }

@@ -8,7 +8,7 @@
 #include "Fundel/Time.h"
 #include "LoopbackPair.h"
 #include "Platform/Socket.h"
-#include "Probe.h"
+#include "Inbox.h"
 #include "TestSupport.h"
 
 using namespace std::chrono_literals;
@@ -47,15 +47,10 @@ TEST(ThreadPool, PublicPoolIsReferenceCounted)
     EXPECT_TRUE(CThreadPool::exists(0));
 
     // Still running: objects open and messages flow.
-    Signal got;
-    Probe p(0);
-    p.on_message = [&](long, unsigned int, long) {
-        got.Add();
-        return 0;
-    };
-    p.Notify(p.GetID(), 1, 0);
-    EXPECT_TRUE(got.WaitFor(1));
-    p.Close();
+    Inbox p;
+    p.probe.Notify(p.Id(), 1, 0);
+    EXPECT_TRUE(p.WaitCount(1, 1));
+    p.probe.Close();
 
     EXPECT_EQ(DestroyThreadPool(), 0);
     EXPECT_FALSE(CThreadPool::exists(0));

@@ -5,13 +5,13 @@
 #include <thread>
 #include <vector>
 
-#include "Background.h"
 #include "Platform/Poller.h"
 #include "Platform/Socket.h"
 #include "StreamPair.h"
 
 namespace Qelvar::Platform {
 
+using Test::elapsed_us;
 using Test::start_call;
 using Test::StreamPair;
 using Clock = std::chrono::steady_clock;
@@ -20,9 +20,15 @@ namespace {
 
 constexpr long long kLong = 2000000;  // µs: long enough for anything that is really ready
 
-long long elapsed_ms(Clock::time_point since)
+long long elapsed_ms(Clock::time_point since) { return elapsed_us(since) / 1000; }
+
+/// Waits until `poller` reports something; on Windows every interest change wakes the
+/// poller, and that wake-up may end a wait on its own.
+int wait_reported(CPoller& poller, SPollReady* ready, int capacity)
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
+    int n = 0;
+    for (int i = 0; i < 3 && n == 0; ++i) n = poller.Wait(kLong, ready, capacity);
+    return n;
 }
 
 class PollerTest : public testing::Test {
@@ -33,14 +39,11 @@ protected:
         ASSERT_EQ(m_poller.Open(), 0);
     }
 
-    /// Expects `fd` alone to be reported and returns its events. On Windows every
-    /// interest change wakes the poller, and that wake-up may end a wait on its own.
+    /// Expects `fd` alone to be reported and returns its events.
     unsigned int WaitOne(int fd)
     {
         SPollReady ready[4]{};
-        int n = 0;
-        for (int i = 0; i < 3 && n == 0; ++i) n = m_poller.Wait(kLong, ready, 4);
-        EXPECT_EQ(n, 1);
+        EXPECT_EQ(wait_reported(m_poller, ready, 4), 1);
         EXPECT_EQ(ready[0].fd, fd);
         return ready[0].events;
     }
@@ -102,9 +105,7 @@ TEST_F(PollerTest, KeptArmedReportsUntilTheInterestChanges)
     ASSERT_EQ(level.Add(m_a[0], POLLER_IN), 0);
     Poke(m_a[1]);
     SPollReady ready[4]{};
-    int n = 0;
-    for (int i = 0; i < 3 && n == 0; ++i) n = level.Wait(kLong, ready, 4);
-    ASSERT_EQ(n, 1);
+    ASSERT_EQ(wait_reported(level, ready, 4), 1);
     if (level.DisarmsOnReport()) {
         EXPECT_EQ(level.Wait(30000, ready, 4), 0);  // select: out of the sets once reported
     } else {
@@ -169,11 +170,7 @@ TEST_F(PollerTest, InterestAddedDuringAWaitTakesEffect)
 {
     std::future<int> reported = start_call([this] {
         SPollReady r{};
-        for (int i = 0; i < 3; ++i) {
-            const int n = m_poller.Wait(kLong, &r, 1);
-            if (n != 0) return n == 1 ? r.fd : -1;
-        }
-        return -1;
+        return wait_reported(m_poller, &r, 1) == 1 ? r.fd : -1;
     });
     const Clock::time_point added = Clock::now();
     ASSERT_EQ(m_poller.Add(m_a[0], POLLER_OUT), 0);
@@ -190,7 +187,7 @@ TEST_F(PollerTest, TimeoutsHoldAndABurstOfWakesCostsOneWakeUp)
     // Below the system's unit: rounded up, not turned into a look.
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(WaitCount(300), 0);
-    EXPECT_GE(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count(), 300);
+    EXPECT_GE(elapsed_us(start), 300);
 
     std::vector<std::thread> wakers;
     for (int t = 0; t < 4; ++t) {

@@ -1,8 +1,12 @@
 // A connected pair from sock_stream_pair(), with the socket library started for as
-// long as the pair lives.
+// long as the pair lives, and calls made on another thread while a test goes on.
 #pragma once
 
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
 
 #include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
@@ -53,6 +57,28 @@ inline bool inheritable(int fd)
     EXPECT_NE(flags, -1);
     return (flags & FD_CLOEXEC) == 0;
 #endif
+}
+
+inline long long elapsed_us(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - since).count();
+}
+
+/// Runs `call` on another thread, for waits that something the test does next is to
+/// end; returns once that thread is about to make it.
+template <class F>
+auto start_call(F call) -> std::future<decltype(call())>
+{
+    std::promise<void> started;
+    std::future<void> running = started.get_future();
+    auto result = std::async(std::launch::async, [started = std::move(started), call]() mutable {
+        started.set_value();
+        return call();
+    });
+    running.wait();
+    // Most likely blocked inside the call by now; the tests hold either way.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return result;
 }
 
 }  // namespace Qelvar::Test

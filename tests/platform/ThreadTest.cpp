@@ -14,7 +14,6 @@
 
 namespace Qelvar::Platform {
 
-
 namespace {
 
 constexpr std::size_t kStackSize = 6u << 20;

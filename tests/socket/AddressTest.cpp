@@ -100,8 +100,9 @@ TEST(SockAddr, TextsNetworkOrderAndBuffersThatMustFit)
     EXPECT_STREQ(buf, "::FFFF:10.1.2.3");
 }
 
-TEST(SockAddrStorage, RealAndInputTypesFollowTheText)
+TEST(SockAddrStorage, TypesFollowTheTextAndRealSockAddrNeedsTheRealFamily)
 {
+    LogCapture log;
     const struct {
         const char* text;
         unsigned int real, input, len;
@@ -115,6 +116,15 @@ TEST(SockAddrStorage, RealAndInputTypesFollowTheText)
         EXPECT_EQ(addr.GetInputType(), c.input) << c.text;
         EXPECT_EQ(addr.GetAddrLen(), c.len) << c.text;
     }
+    const CSockAddrStorage v6("2001:db8::9", 443);
+    CSockAddrIPv4 wrong;
+    EXPECT_FALSE(v6.GetRealSockAddr(&wrong));
+    EXPECT_FALSE(v6.GetRealSockAddr(nullptr));
+    CSockAddrIPv6 right;
+    ASSERT_TRUE(v6.GetRealSockAddr(&right));
+    EXPECT_TRUE(right == CSockAddrIPv6("2001:db8::9", 443));
+    EXPECT_FALSE(CSockAddrStorage().GetRealSockAddr(&right));
+    EXPECT_TRUE(log.Contains("GetRealSockAddr failed, m_real_type is error :0!"));
 }
 
 TEST(SockAddrStorage, PortGoesWhereTheRealTypeSaysWhileGetAddrFollowsTheInputType)
@@ -185,20 +195,6 @@ TEST(SockAddr, CopiesAreDeepAndEqualityComparesWhatEachFamilyKeeps)
     CSockAddrStorage reused("2001:db8::123", 80);
     reused.SetIp("2001:db8::1");
     EXPECT_TRUE(reused == CSockAddrStorage("2001:db8::1", 80));
-}
-
-TEST(SockAddrStorage, RealSockAddrNeedsTheRealFamily)
-{
-    LogCapture log;
-    const CSockAddrStorage v6("2001:db8::9", 443);
-    CSockAddrIPv4 wrong;
-    EXPECT_FALSE(v6.GetRealSockAddr(&wrong));
-    EXPECT_FALSE(v6.GetRealSockAddr(nullptr));
-    CSockAddrIPv6 right;
-    ASSERT_TRUE(v6.GetRealSockAddr(&right));
-    EXPECT_TRUE(right == CSockAddrIPv6("2001:db8::9", 443));
-    EXPECT_FALSE(CSockAddrStorage().GetRealSockAddr(&right));
-    EXPECT_TRUE(log.Contains("GetRealSockAddr failed, m_real_type is error :0!"));
 }
 
 TEST(SockAddrIPv6, LinkLocalScopeComesFromTheInterface)

@@ -19,10 +19,10 @@ TEST(DgramAcrossVeth, NeedsLinuxNetworkNamespaces)
 #include <Corvane/SockAddrIPv6.h>
 #include <Corvane/SockDgram.h>
 
-#include "DgramProbe.h"
 #include "NetNamespace.h"
-#include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
+#include "SocketProbes.h"
 #include "TestSupport.h"
 
 namespace Qelvar::Corvane {

@@ -10,16 +10,17 @@
 #include <Corvane/SockAddrStorage.h>
 #include <Corvane/SockDgram.h>
 
-#include "DgramProbe.h"
 #include "NoAddr.h"
-#include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
+#include "SocketProbes.h"
 #include "TestSupport.h"
 
 namespace Qelvar::Corvane {
 
-using Qelvar::Test::kDatagramWaitUs;
 using Qelvar::Test::CNoAddr;
+using Qelvar::Test::iov;
+using Qelvar::Test::kDatagramWaitUs;
 using Qelvar::Test::LogCapture;
 using Qelvar::Test::option_of;
 
@@ -36,8 +37,12 @@ bool open_loopback(CSockDgram& s, CSockAddr& bound)
 
 }  // namespace
 
-// SocketEnvironment.cpp starts the socket library for the whole suite.
-using DgramTest = ::testing::Test;
+// SocketEnvironment.cpp starts the socket library for the whole suite; every test reads
+// the log.
+class DgramTest : public ::testing::Test {
+protected:
+    LogCapture log;
+};
 
 TEST_F(DgramTest, UnicastCarriesDatagramsAndTellsTheSenderInEveryAddressClass)
 {
@@ -67,7 +72,6 @@ TEST_F(DgramTest, UnicastCarriesDatagramsAndTellsTheSenderInEveryAddressClass)
     ASSERT_EQ(pass(tx6, at6, rx6, &any), 5);
     EXPECT_TRUE(any.GetInputType() == SOCKADDR_TYPE_IPV6 && any.GetPort() == tx6_at.GetPort());
     // An IPv6 sender does not fit an IPv4 object: said, and the datagram still counts.
-    LogCapture log;
     const CSockAddrIPv4 untouched = from4;
     EXPECT_EQ(pass(tx6, at6, rx6, &from4), 5);
     EXPECT_TRUE(log.Contains("a ipv6 address can not put into CSockAddrIPv4!"));
@@ -76,7 +80,6 @@ TEST_F(DgramTest, UnicastCarriesDatagramsAndTellsTheSenderInEveryAddressClass)
 
 TEST_F(DgramTest, OpenFormsBindAsAskedAndReplaceADescriptorHeld)
 {
-    LogCapture log;
     CSockDgram s;
     EXPECT_EQ(s.Open(nullptr, true), -1);
     EXPECT_TRUE(log.Contains("open failed!Invalid parameter: reuseaddr:1, addr:"));
@@ -120,7 +123,6 @@ TEST_F(DgramTest, OpenFormsBindAsAskedAndReplaceADescriptorHeld)
 
 TEST_F(DgramTest, SendAndRecvRefuseBadArgumentsAndDestinations)
 {
-    LogCapture log;
     CSockDgram s, rx6;
     CSockAddrIPv4 at4;
     CSockAddrIPv6 at6;
@@ -145,30 +147,23 @@ TEST_F(DgramTest, SendAndRecvRefuseBadArgumentsAndDestinations)
     EXPECT_EQ(s.Recv(buf, sizeof buf, nullptr), 0) << "nothing waiting";
 }
 
-TEST_F(DgramTest, AnEmptyDatagramReadsAsZeroAndIsConsumed)
-{
-    CSockDgram rx, tx;
-    CSockAddrIPv4 at, from;
-    ASSERT_TRUE(open_loopback(rx, at) && open_loopback(tx, from));
-    sockaddr_in to{};
-    at.GetAddr(reinterpret_cast<sockaddr*>(&to));
-    ASSERT_EQ(Platform::sock_sendto(tx.GetHandle(), "", 0, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
-    ASSERT_EQ(tx.Send("after", 5, &at), 5);
-    char buf[8];
-    unsigned int ready = 0;
-    ASSERT_EQ(Platform::sock_wait(rx.GetHandle(), Platform::SOCK_READABLE, kDatagramWaitUs, &ready), 1);
-    EXPECT_EQ(rx.Recv(buf, sizeof buf, &from), 0);
-    EXPECT_EQ(rx.Recv_n(buf, sizeof buf, kDatagramWaitUs), 5) << "the empty datagram was not taken off the queue";
-}
-
-TEST_F(DgramTest, BoundedReceivesKeepTheirTimeLimits)
+// An empty datagram reads as 0 and is taken off the queue; bounded receives keep
+// their time limits.
+TEST_F(DgramTest, EmptyDatagramsAreConsumedAndBoundedReceivesKeepTheirTimeLimits)
 {
     using Clock = std::chrono::steady_clock;
-    LogCapture log;
     CSockDgram rx, tx;
     CSockAddrIPv4 at, from;
     ASSERT_TRUE(open_loopback(rx, at) && open_loopback(tx, from));
     char buf[16];
+    sockaddr_in to{};
+    at.GetAddr(reinterpret_cast<sockaddr*>(&to));
+    ASSERT_EQ(Platform::sock_sendto(tx.GetHandle(), "", 0, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    ASSERT_EQ(tx.Send("after", 5, &at), 5);
+    unsigned int ready = 0;
+    ASSERT_EQ(Platform::sock_wait(rx.GetHandle(), Platform::SOCK_READABLE, kDatagramWaitUs, &ready), 1);
+    EXPECT_EQ(rx.Recv(buf, sizeof buf, &from), 0);
+    EXPECT_EQ(rx.Recv_n(buf, sizeof buf, kDatagramWaitUs), 5) << "the empty datagram was not taken off the queue";
 
     EXPECT_EQ(rx.Recv_r(nullptr, 8, nullptr, 1000), -1);
     EXPECT_TRUE(log.Contains("Recv_r failed! buf["));
@@ -199,19 +194,11 @@ TEST_F(DgramTest, BoundedReceivesKeepTheirTimeLimits)
 
 TEST_F(DgramTest, WriteVSendsItsElementsAsOneDatagram)
 {
-    LogCapture log;
     CSockDgram rx, tx;
     CSockAddrIPv6 at, from;
     ASSERT_TRUE(open_loopback(rx, at) && open_loopback(tx, from));
     char a[] = "ab", b[] = "cde", c[] = "f";
-    iovec vec[4] = {};
-    vec[0].iov_base = a;
-    vec[0].iov_len = 2;
-    vec[1].iov_base = b;
-    vec[1].iov_len = 3;
-    vec[2].iov_base = b;  // an empty element adds nothing
-    vec[3].iov_base = c;
-    vec[3].iov_len = 1;
+    const iovec vec[4] = {iov(a, 2), iov(b, 3), iov(b, 0), iov(c, 1)};  // an empty element adds nothing
 
     EXPECT_EQ(tx.WriteV(vec, 4), -1) << "no destination yet";
     EXPECT_TRUE(log.Contains("WriteV failed! Invalid parameter: vector:"));
@@ -227,7 +214,6 @@ TEST_F(DgramTest, WriteVSendsItsElementsAsOneDatagram)
 
 TEST_F(DgramTest, RecvMsgTellsTheAddressTheDatagramWasSentTo)
 {
-    LogCapture log;
     CSockDgram rx, tx;
     const CSockAddrIPv4 any("0.0.0.0", 0);
     CSockAddrIPv4 bound, from, local;
@@ -261,7 +247,6 @@ TEST_F(DgramTest, RecvMsgTellsTheAddressTheDatagramWasSentTo)
 
 TEST_F(DgramTest, SetRemoteConnectsUnicastOnlyAndSetsSoBroadcastByTheLowNibble)
 {
-    LogCapture log;
     CSockAddrIPv4 peer;
     EXPECT_EQ(CSockDgram().SetRemote(nullptr), -1);
     EXPECT_TRUE(log.Contains("invalid remote addresst type!"));
@@ -285,7 +270,6 @@ TEST_F(DgramTest, SetRemoteConnectsUnicastOnlyAndSetsSoBroadcastByTheLowNibble)
 
 TEST_F(DgramTest, OptionsSayWhatTheyRefuse)
 {
-    LogCapture log;
     CSockDgram s, unopened;
     ASSERT_EQ(s.Open(nullptr), 0);
     EXPECT_EQ(s.SetSockQos(256), -1);

@@ -5,10 +5,10 @@
 #include <Corvane/SockAddrStorage.h>
 #include <Corvane/SockStream.h>
 
-#include "Loopback.h"
-#include "Platform/Socket.h"
 #include "Platform/SockTypes.h"
+#include "Platform/Socket.h"
 #include "Socket/SockManager.h"
+#include "SocketProbes.h"
 #include "TestSupport.h"
 
 using namespace Qelvar::Corvane;
@@ -61,8 +61,8 @@ TEST(Sock, TlsTypesRefusePlainCloseButNotRealClose)
 
 // Two objects share one descriptor's status, attached or copied: the second close is
 // refused without a system call, so a number the system handed out again in between
-// stays open.
-TEST(Sock, SharedDescriptorIsClosedOnce)
+// stays open. A detached descriptor goes to its next holder as it is.
+TEST(Sock, SharedDescriptorIsClosedOnceAndDetachHandsItOver)
 {
     LogCapture log(6);
     const int fd = new_tcp_socket();
@@ -83,38 +83,32 @@ TEST(Sock, SharedDescriptorIsClosedOnce)
     Qelvar::Platform::sock_close(reused);
     b.Detach();
 
-    // A copy shares its original's status the same way.
     StreamPair pair;
     ASSERT_TRUE(pair.Make());
-    CSockStream copy(pair.client);
-    EXPECT_EQ(copy.GetHandle(), pair.client.GetHandle());
-    EXPECT_EQ(pair.client.Close(), 0);
-    EXPECT_EQ(copy.Close(), -1);
-}
-
-TEST(Sock, AttachDetachAndBlockingFlag)
-{
-    LogCapture log(6);
-    StreamPair pair;
-    ASSERT_TRUE(pair.Make());
-    const int fd = pair.server.Detach();
+    const int detached = pair.server.Detach();
     EXPECT_FALSE(pair.server.IsValid());
     EXPECT_EQ(pair.server.Close(), -1);
 
     // Attach applies the new holder's flag: non-blocking from construction.
     CSockStream s;
-    ASSERT_EQ(s.Attach(fd), 0);
-    EXPECT_FALSE(log.Contains("Externally created"));  // the number was known already
+    ASSERT_EQ(s.Attach(detached), 0);
+    EXPECT_EQ(log.Count("Externally created"), 1);  // the number was known already
     char byte;
     EXPECT_EQ(s.Recv(&byte, 1), 0);  // nothing there: would block, not wait
 
     const int other = new_tcp_socket();
     EXPECT_EQ(s.Attach(other), -1);
-    EXPECT_TRUE(log.Contains("Attach sockfd failed, m_sockfd: " + std::to_string(fd) + " is valid"));
+    EXPECT_TRUE(log.Contains("Attach sockfd failed, m_sockfd: " + std::to_string(detached) + " is valid"));
     Qelvar::Platform::sock_close(other);
 
     EXPECT_EQ(s.Close(), 0);
-    EXPECT_FALSE(is_open(fd));
+    EXPECT_FALSE(is_open(detached));
+
+    // A copy shares its original's status the same way.
+    CSockStream copy(pair.client);
+    EXPECT_EQ(copy.GetHandle(), pair.client.GetHandle());
+    EXPECT_EQ(pair.client.Close(), 0);
+    EXPECT_EQ(copy.Close(), -1);
 }
 
 TEST(Sock, AddressesGoOnlyIntoMatchingObjects)

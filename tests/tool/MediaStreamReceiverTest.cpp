@@ -6,17 +6,15 @@
 #include <Corvane/MediaStreamReceiver.h>
 #include <Corvane/NetThread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "../core/Probe.h"
+#include "../core/Inbox.h"
 #include "TestSupport.h"
 #include "Tool/StreamReceiverThread.h"
 
@@ -57,46 +55,22 @@ private:
     long long m_media = 0;
 };
 
-std::vector<int> Counts(int kind)
-{
-    return CStreamReceiverThread::counts(kind);
-}
-
 class StreamReceiverTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(threads_set && pool.ok());
-        owner.on_message = [this](long from, unsigned int type, long) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_notes.emplace_back(from, type);
-            return 0;
-        };
-    }
-    void TearDown() override { owner.Close(); }
+    void SetUp() override { ASSERT_TRUE(threads_set && pool.ok()); }
 
     TestReceiver* New(receiver_mode mode = RECEIVER_STREAM_INPUT)
     {
         auto* r = new TestReceiver(released);
         r->SetReceiveMode(mode);
-        r->WaitException(owner.GetID());
+        r->WaitException(owner.Id());
         return r;
-    }
-    // Notifications of `type` (from `from`, or from anyone when 0).
-    int Notes(unsigned int type, long from = 0)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<int>(std::count_if(m_notes.begin(), m_notes.end(), [&](const auto& n) {
-            return n.second == type && (from == 0 || n.first == from);
-        }));
     }
 
     bool threads_set = CNetThread::SetRecvThreadNum(2) == 0;
     PoolScope pool;
     std::shared_ptr<Signal> released = std::make_shared<Signal>();
-    std::mutex m_mutex;
-    std::vector<std::pair<long, unsigned int>> m_notes;
-    Probe owner;
+    Inbox owner;
 };
 
 }  // namespace
@@ -122,36 +96,36 @@ TEST_F(StreamReceiverTest, ArgumentsAreCheckedAndANewReceiverJoinsTheLeastLoaded
     // Never started: released at once, with its notification.
     idle->Close();
     ASSERT_TRUE(released->WaitFor(1, 3s));
-    ASSERT_TRUE(eventually([&] { return Notes(MEDIA_RECEIVER_CLOSED) == 1; }));
+    ASSERT_TRUE(eventually([&] { return owner.Count(MEDIA_RECEIVER_CLOSED) == 1; }));
 
     std::vector<TestReceiver*> r;
     for (int i = 0; i < 5; ++i) {
         r.push_back(New());
         ASSERT_EQ(r.back()->StartReceive(), 0);
         if (i == 3) {
-            EXPECT_EQ(Counts(RECEIVE_GROUP), (std::vector<int>{2, 2}));
+            EXPECT_EQ(CStreamReceiverThread::counts(RECEIVE_GROUP), (std::vector<int>{2, 2}));
         }
     }
-    EXPECT_EQ(Counts(RECEIVE_GROUP), (std::vector<int>{3, 2})) << "2 + 2: the first";
-    EXPECT_EQ(Counts(WRITE_GROUP), (std::vector<int>{0, 0}));
+    EXPECT_EQ(CStreamReceiverThread::counts(RECEIVE_GROUP), (std::vector<int>{3, 2})) << "2 + 2: the first";
+    EXPECT_EQ(CStreamReceiverThread::counts(WRITE_GROUP), (std::vector<int>{0, 0}));
     EXPECT_EQ(r[0]->StartReceive(), -1);
     EXPECT_TRUE(log.Contains("this receiver already started!"));
     r[1]->Close();  // the second thread's (they alternate)
-    ASSERT_TRUE(eventually([] { return Counts(RECEIVE_GROUP) == std::vector<int>{3, 1}; }));
+    ASSERT_TRUE(eventually([] { return CStreamReceiverThread::counts(RECEIVE_GROUP) == std::vector<int>{3, 1}; }));
     r[1] = New();
     ASSERT_EQ(r[1]->StartReceive(), 0);
-    EXPECT_EQ(Counts(RECEIVE_GROUP), (std::vector<int>{3, 2})) << "3 + 1: the second";
+    EXPECT_EQ(CStreamReceiverThread::counts(RECEIVE_GROUP), (std::vector<int>{3, 2})) << "3 + 1: the second";
 
     // The threads end with their last receiver and start again with the next one.
     for (TestReceiver* x : r) x->Close();
-    ASSERT_TRUE(eventually([] { return Counts(RECEIVE_GROUP) == std::vector<int>{0, 0}; }));
+    ASSERT_TRUE(eventually([] { return CStreamReceiverThread::counts(RECEIVE_GROUP) == std::vector<int>{0, 0}; }));
     ASSERT_TRUE(released->WaitFor(7, 3s));
     TestReceiver* again = New();
     ASSERT_EQ(again->StartReceive(), 0);
     ASSERT_TRUE(eventually([&] { return again->calls.load() >= 3; }));
     again->Close();
     ASSERT_TRUE(released->WaitFor(8, 3s));
-    EXPECT_TRUE(eventually([&] { return Notes(MEDIA_RECEIVER_CLOSED) == 8; }));
+    EXPECT_TRUE(eventually([&] { return owner.Count(MEDIA_RECEIVER_CLOSED) == 8; }));
 }
 
 TEST_F(StreamReceiverTest, PassiveReceiversFollowMediaTimeAndWritersTheWriteTick)
@@ -166,7 +140,7 @@ TEST_F(StreamReceiverTest, PassiveReceiversFollowMediaTimeAndWritersTheWriteTick
     ASSERT_EQ(doubled->StartReceive(5000000, 2.0f), 0);
     ASSERT_EQ(writer->StartReceive(), 0);
     ASSERT_EQ(input->StartReceive(), 0);
-    EXPECT_EQ(Counts(WRITE_GROUP), (std::vector<int>{1, 0}));
+    EXPECT_EQ(CStreamReceiverThread::counts(WRITE_GROUP), (std::vector<int>{1, 0}));
     std::this_thread::sleep_for(200ms);
     EXPECT_GE(fast->calls.load(), 20) << "up to 8 reads a tick";
     EXPECT_LE(paced->calls.load(), 10);
@@ -198,11 +172,11 @@ TEST_F(StreamReceiverTest, FailuresNotifyAndAReceiverStopsResumesAndClosesItself
     };
     for (TestReceiver* x : {failing, passive, quitter}) ASSERT_EQ(x->StartReceive(), 0);
     // The id is kept: every failed tick notifies.
-    ASSERT_TRUE(eventually([&] { return Notes(MEDIA_RECEIVER_EXCEPTION, failing_id) >= 3; }));
-    ASSERT_TRUE(eventually([&] { return Notes(MEDIA_RECEIVER_EXCEPTION, passive_id) >= 3; }));
+    ASSERT_TRUE(eventually([&] { return owner.Count(MEDIA_RECEIVER_EXCEPTION, failing_id) >= 3; }));
+    ASSERT_TRUE(eventually([&] { return owner.Count(MEDIA_RECEIVER_EXCEPTION, passive_id) >= 3; }));
     EXPECT_TRUE(log.Contains("MediaStreamReceiver do_receive socket exception, error:"));
     ASSERT_TRUE(released->WaitFor(1, 3s));
-    ASSERT_TRUE(eventually([&] { return Notes(MEDIA_RECEIVER_CLOSED, quitter_id) == 1; }));
+    ASSERT_TRUE(eventually([&] { return owner.Count(MEDIA_RECEIVER_CLOSED, quitter_id) == 1; }));
     EXPECT_EQ(after_close.load(), 0);
     CNetThread::SetRecvTrace(0);
 
@@ -225,13 +199,11 @@ TEST(StreamReceiverStopTest, TheLibraryReleasesTheReceiversItsThreadsStillHold)
     ASSERT_EQ(CNetThread::SetRecvThreadNum(2), 0);
     ASSERT_EQ(CNetThread::CreateThreadPool(2), 0);
     auto released = std::make_shared<Signal>();
-    std::atomic<int> closes{0};
-    auto* owner = new Probe(0, nullptr, true);
-    owner->on_message = [&closes](long, unsigned int type, long) { return type == MEDIA_RECEIVER_CLOSED ? ++closes : 0; };
+    Inbox owner;
     auto start = [&](receiver_mode mode) {
         auto* r = new TestReceiver(released);
         r->SetReceiveMode(mode);
-        r->WaitException(owner->GetID());
+        r->WaitException(owner.Id());
         EXPECT_EQ(r->StartReceive(), 0);
         return r;
     };
@@ -241,7 +213,7 @@ TEST(StreamReceiverStopTest, TheLibraryReleasesTheReceiversItsThreadsStillHold)
     // The threads' stop, the library's last step for them, releases what they hold...
     CStreamReceiverThread::StopGroups();
     ASSERT_TRUE(released->WaitFor(3, 3s));
-    EXPECT_TRUE(eventually([&] { return closes.load() == 3; }));
+    EXPECT_TRUE(owner.WaitCount(MEDIA_RECEIVER_CLOSED, 3));
     // ...after which a start fails and leaves the receiver new.
     auto* late = new TestReceiver(released);
     EXPECT_EQ(late->StartReceive(), -1);
@@ -254,7 +226,7 @@ TEST(StreamReceiverStopTest, TheLibraryReleasesTheReceiversItsThreadsStillHold)
     TestReceiver* running = start(RECEIVER_PASSIVE_INPUT);
     start(RECEIVER_STREAM_WRITE);
     ASSERT_TRUE(eventually([&] { return running->calls.load() > 0; }));
-    owner->Close();
+    owner.probe.Close();
     ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
     EXPECT_EQ(released->Count(), 6);
     EXPECT_EQ(asserts.Count("m_number == 0"), 0);

@@ -20,9 +20,9 @@
 #include <unistd.h>
 #endif
 
-#include "../core/Probe.h"
 #include "Core/FileThreadPool.h"
 #include "Core/ReclaimPool.h"
+#include "SenderSupport.h"
 #include "TestSupport.h"
 #include "Tool/NBufPool.h"
 #include "Tool/NFileData.h"
@@ -32,40 +32,6 @@ using namespace Qelvar::Corvane;
 using namespace Qelvar::Test;
 
 namespace {
-
-// Counts the file's messages by code.
-class Owner {
-public:
-    Owner()
-    {
-        probe.on_message = [this](long, unsigned int type, long) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (type < 10) ++m_counts[type];
-            m_cv.notify_all();
-            return 0;
-        };
-    }
-    ~Owner() { probe.Close(); }
-    long Id() { return probe.GetID(); }
-    int Count(unsigned int code)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_counts[code];
-    }
-    bool WaitAbove(unsigned int code, int seen, std::chrono::milliseconds timeout = 5s)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, timeout, [&] { return m_counts[code] > seen; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    int m_counts[10] = {};
-
-public:
-    Probe probe;  // last: destroyed (waiting for its release) before the counters
-};
 
 // A file device whose writes wait for a gate, or fail once `fail_after` bytes went out.
 class TestDev : public CDefaultStorDev {
@@ -93,24 +59,13 @@ public:
     std::size_t fail_after = SIZE_MAX;
 };
 
-std::string random_bytes(std::size_t n, unsigned int seed)
-{
-    std::mt19937 rng(seed);
-    std::string s(n, '\0');
-    for (char& c : s) c = static_cast<char>(rng());
-    return s;
-}
-
 class NFileTest : public ::testing::Test {
 protected:
+    explicit NFileTest(bool file_threads = true) : pool(2, file_threads) {}
     void SetUp() override
     {
         ASSERT_TRUE(pool.ok());
-        dir = std::filesystem::temp_directory_path() /
-              ("corvane_nfile_" + std::to_string(std::random_device{}()) + "_" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir);
-        ASSERT_TRUE(std::filesystem::create_directories(dir));
+        ASSERT_FALSE(dir.empty());
     }
     void TearDown() override
     {
@@ -138,15 +93,21 @@ protected:
             const int n = file->Write(data.data() + at, want);
             at += static_cast<std::size_t>(n);
             if (owner.Count(8) != 0) return false;
-            if (static_cast<unsigned int>(n) < want && !owner.WaitAbove(6, six)) return false;
+            if (static_cast<unsigned int>(n) < want && !owner.WaitCount(6, six + 1)) return false;
         }
         return true;
     }
 
-    PoolScope pool{2, true};
-    Owner owner;
-    std::filesystem::path dir;
+    PoolScope pool;
+    Inbox owner;  // the file's messages, by code
+    std::filesystem::path dir = MakeTempDir("corvane_nfile_");
     std::string mounted;
+};
+
+// Without file threads: no buffers, the calls go to the device at once.
+class NFileUnbufferedTest : public NFileTest {
+protected:
+    NFileUnbufferedTest() : NFileTest(false) {}
 };
 
 }  // namespace
@@ -185,7 +146,7 @@ TEST_F(NFileTest, BadInputIsRefused)
 
 TEST_F(NFileTest, BufferedRoundTripIsByteExactAndEndsWithEof)
 {
-    const std::string data = random_bytes(3 * 1024 * 1024 + 12345, 7);
+    const std::string data = Pattern(3 * 1024 * 1024 + 12345, 7);
     std::mt19937 rng(11);
     CNFile* file = CNFile::Open(owner.Id(), Path("big").c_str(), "wb");
     ASSERT_NE(file, nullptr);
@@ -207,7 +168,7 @@ TEST_F(NFileTest, BufferedRoundTripIsByteExactAndEndsWithEof)
         }
         got.append(chunk.data(), static_cast<std::size_t>(n));
         if (n == 0 && !eof) {
-            ASSERT_TRUE(owner.WaitAbove(7, seven)) << "at " << got.size();
+            ASSERT_TRUE(owner.WaitCount(7, seven + 1)) << "at " << got.size();
         }
     }
     EXPECT_TRUE(eof);
@@ -223,12 +184,12 @@ TEST_F(NFileTest, FlowControlAndFailingDevicesLoseNoBlock)
     gated->open = false;
     CNFile* file = CNFile::Open(owner.Id(), Path("gated").c_str(), "wb", gated);
     ASSERT_NE(file, nullptr);
-    const std::string data = random_bytes(5 * 131072, 3);
+    const std::string data = Pattern(5 * 131072, 3);
     EXPECT_EQ(file->Write(data.data(), static_cast<unsigned int>(data.size())), 4 * 131072);
     EXPECT_EQ(file->Write(data.data(), 100), 0);
     EXPECT_EQ(owner.Count(6), 0);
     gated->OpenGate();
-    ASSERT_TRUE(owner.WaitAbove(6, 0));
+    ASSERT_TRUE(owner.WaitCount(6, 1));
     EXPECT_EQ(file->Write(data.data() + 4 * 131072, 131072), 131072);
     file->Close();
     ASSERT_TRUE(eventually([&] { return Contents(Path("gated")) == data; }));
@@ -240,8 +201,8 @@ TEST_F(NFileTest, FlowControlAndFailingDevicesLoseNoBlock)
     file = CNFile::Open(owner.Id(), Path("failing").c_str(), "wb", failing);
     ASSERT_NE(file, nullptr);
     std::mt19937 rng(5);
-    WriteAll(file, random_bytes(2 * 1024 * 1024, 4), rng);  // stops at 8, or brings it later
-    EXPECT_TRUE(owner.WaitAbove(8, 0));
+    WriteAll(file, Pattern(2 * 1024 * 1024, 4), rng);  // stops at 8, or brings it later
+    EXPECT_TRUE(owner.WaitCount(8, 1));
     EXPECT_TRUE(eventually([&] {
         const int held = SNFileData::of(file)->blocks_held();
         return held >= 0 && blocks.Size() + static_cast<unsigned int>(held) == blocks.Created();
@@ -264,22 +225,17 @@ TEST_F(NFileTest, AFullFileSystemGivesAnError)
     CNFile* file = CNFile::Open(owner.Id(), Path("full").c_str(), "wb");
     ASSERT_NE(file, nullptr);
     std::mt19937 rng(9);
-    WriteAll(file, random_bytes(2 * 1024 * 1024, 8), rng);
-    EXPECT_TRUE(owner.WaitAbove(8, 0));
+    WriteAll(file, Pattern(2 * 1024 * 1024, 8), rng);
+    EXPECT_TRUE(owner.WaitCount(8, 1));
     file->Close();
     EXPECT_TRUE(eventually([&] { return CNBufPool::Instance().Size() == CNBufPool::Instance().Created(); }));
 #endif
 }
 
-TEST(NFileUnbufferedTest, WithoutFileThreadsCallsGoToTheDevice)
+TEST_F(NFileUnbufferedTest, WithoutFileThreadsCallsGoToTheDevice)
 {
-    PoolScope pool(2, false);
-    ASSERT_TRUE(pool.ok());
-    Owner owner;
     LogCapture log;
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("corvane_nfile_" + std::to_string(std::random_device{}()))).string();
-    CNFile* file = CNFile::Open(owner.Id(), path.c_str(), "w+b");
+    CNFile* file = CNFile::Open(owner.Id(), Path("plain").c_str(), "w+b");
     ASSERT_NE(file, nullptr);
     EXPECT_FALSE(SNFileData::of(file)->buffered());
     EXPECT_EQ(file->Write("hello world", 11), 11);
@@ -296,13 +252,10 @@ TEST(NFileUnbufferedTest, WithoutFileThreadsCallsGoToTheDevice)
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(owner.Count(8), 0);
     file->Close();
-    std::filesystem::remove(path);
 }
 
-TEST(NFileUnbufferedTest, StoppingTheFileThreadsRunsTheRequestsStillQueued)
+TEST_F(NFileUnbufferedTest, StoppingTheFileThreadsRunsTheRequestsStillQueued)
 {
-    PoolScope pool(2, false);
-    ASSERT_TRUE(pool.ok());
     // The only thread waits in the first request while the second stays queued.
     struct GatedRequest : CFileRequest_IF {
         void handle_file_request(SEvent* record) override

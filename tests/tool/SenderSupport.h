@@ -8,15 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <iterator>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "../core/Probe.h"
+#include "../core/Inbox.h"
 
 namespace Qelvar::Test {
 
@@ -54,12 +50,6 @@ public:
     SenderRig() : sender(Corvane::CStreamSender::Create())
     {
         owner.on_output = [this](int fd) { return hold_output.load() ? 0 : sender->handle_output(fd); };
-        receiver.on_message = [this](long from, unsigned int type, long attach) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_notes.push_back({from, type, attach});
-            m_cv.notify_all();
-            return 0;
-        };
     }
     /// The owner goes first (with its registration), so that nothing calls the sender
     /// once it is closed.
@@ -79,28 +69,8 @@ public:
         return sender && sender->Attach(&owner, &sock) == 0 && sender->WaitException(receiver.GetID()) == 0;
     }
 
-    struct SNote {
-        long from;
-        unsigned int type;
-        long attach;
-    };
-    std::vector<SNote> Notes(unsigned int type)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<SNote> out;
-        std::copy_if(m_notes.begin(), m_notes.end(), std::back_inserter(out),
-                     [&](const SNote& n) { return n.type == type; });
-        return out;
-    }
-    int Count(unsigned int type) { return static_cast<int>(Notes(type).size()); }
-    /// Waits until `count` notifications of `type` came; false on time-out.
-    bool WaitCount(unsigned int type, int count)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, std::chrono::seconds(10), [&] {
-            return std::count_if(m_notes.begin(), m_notes.end(), [&](const SNote& n) { return n.type == type; }) >= count;
-        });
-    }
+    int Count(unsigned int type) { return inbox.Count(type); }
+    bool WaitCount(unsigned int type, int count) { return inbox.WaitCount(type, count); }
 
     /// Puts all of `data` in pieces of `piece(i)` bytes for the i-th piece. A refused
     /// piece waits for code 4 (half the queue free) and is put again. False when the
@@ -126,13 +96,11 @@ public:
     std::atomic<bool> hold_output{false};
     Corvane::CStreamSender* sender;
     Probe owner{0, &m_owner_closed};
-    Probe receiver;
+    Inbox inbox;  // the sender's notifications
+    Probe& receiver = inbox.probe;
 
 private:
     Corvane::CSock* m_sock = nullptr;
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    std::vector<SNote> m_notes;
 };
 
 }  // namespace Qelvar::Test

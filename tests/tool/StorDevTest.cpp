@@ -18,16 +18,10 @@ namespace {
 
 class StorDevTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        dir = std::filesystem::temp_directory_path() / ("corvane_stordev_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
-                                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir);
-        ASSERT_TRUE(std::filesystem::create_directories(dir));
-    }
+    void SetUp() override { ASSERT_FALSE(dir.empty()); }
     void TearDown() override { std::filesystem::remove_all(dir); }
 
-    std::filesystem::path dir;
+    std::filesystem::path dir = Qelvar::Test::MakeTempDir("corvane_stordev_");
 };
 
 }  // namespace

@@ -3,7 +3,6 @@
 // told once, and a failed socket is reported once.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdio>
 #include <chrono>
 #include <optional>
@@ -25,25 +24,6 @@ using namespace Qelvar::Test;
 
 namespace {
 
-// Reads `expect` bytes slowly on a thread.
-class SlowReader {
-public:
-    SlowReader(CSockStream& sock, std::size_t expect)
-        : m_thread([this, &sock, expect] { ReadSlowly(sock, 200000, expect, m_got); })
-    {
-    }
-    ~SlowReader() { Join(); }
-    const std::string& Join()
-    {
-        if (m_thread.joinable()) m_thread.join();
-        return m_got;
-    }
-
-private:
-    std::string m_got;
-    std::thread m_thread;
-};
-
 // The public pool, a pair with 4 KiB socket buffers, and a sender not yet attached.
 class StreamSenderTest : public ::testing::Test {
 protected:
@@ -58,8 +38,15 @@ protected:
         ASSERT_EQ(pair.client.SetSockSendBuf(4096), 0);
     }
 
+    /// Reads `expect` bytes slowly from `server` into `got`.
+    std::jthread SlowReader(std::size_t expect)
+    {
+        return std::jthread([this, expect] { ReadSlowly(pair.server, 200000, expect, got); });
+    }
+
     PoolScope pool;
     LoopbackPair pair;
+    std::string got;  // by SlowReader
     std::optional<CSimulatorStream> sim;  // before the rig, which may hold it
     SenderRig rig;
     CStreamSender& s = *rig.sender;
@@ -108,11 +95,11 @@ TEST_F(StreamSenderTest, QueuesWhatTheSocketLeavesAndDrainsItInOrder)
     ASSERT_EQ(s.WaitSendFinish(me), 0);
     EXPECT_EQ(rig.Count(STREAM_SENDER_BUFFER_FREE), 0);
     const std::string rest = Pattern(3 << 20, 5);
-    SlowReader reader(pair.server, first.size() + second.size() + third.size() + rest.size());
+    std::jthread reader = SlowReader(first.size() + second.size() + third.size() + rest.size());
     rig.hold_output = false;
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_FINISHED, 1));
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_BUFFER_FREE, 1));
-    const auto room = rig.Notes(STREAM_SENDER_BUFFER_FREE);
+    const auto room = rig.inbox.Notes(STREAM_SENDER_BUFFER_FREE);
     EXPECT_EQ(room[0].from, s.GetID());
     EXPECT_GE(room[0].attach, 100000);
     EXPECT_TRUE(eventually([&] { return registered_mask(0, fd) == MASK_NONE; }));
@@ -122,7 +109,7 @@ TEST_F(StreamSenderTest, QueuesWhatTheSocketLeavesAndDrainsItInOrder)
     ASSERT_EQ(s.WaitSendFinish(me), 0);
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_BUFFER_FREE, 2));
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_FINISHED, 2));
-    EXPECT_EQ(rig.Notes(STREAM_SENDER_BUFFER_FREE)[1].attach, 262144);
+    EXPECT_EQ(rig.inbox.Notes(STREAM_SENDER_BUFFER_FREE)[1].attach, 262144);
     EXPECT_EQ(rig.Count(STREAM_SENDER_BUFFER_FREE), 2);
     EXPECT_EQ(rig.Count(STREAM_SENDER_FINISHED), 2);
 
@@ -130,7 +117,7 @@ TEST_F(StreamSenderTest, QueuesWhatTheSocketLeavesAndDrainsItInOrder)
     ASSERT_TRUE(rig.PushAll(rest, [](int i) { return 1u + static_cast<unsigned int>(i * 7919) % 40000u; }));
     ASSERT_EQ(s.WaitSendFinish(me), 0);
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_FINISHED, 3));
-    const std::string& got = reader.Join();
+    reader.join();
     EXPECT_EQ(got.size(), first.size() + second.size() + third.size() + rest.size());
     EXPECT_TRUE(got == first + second + third + rest);
     EXPECT_EQ(s.GetPeakDataLen(), 262144u);
@@ -194,7 +181,7 @@ TEST_F(StreamSenderTest, PeerResetIsReportedOnce)
     ASSERT_EQ(Qelvar::Platform::sock_setopt(pair.server.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset), 0);
     pair.server.Close();
     ASSERT_TRUE(rig.WaitCount(STREAM_SENDER_EXCEPTION, 1));
-    const auto notes = rig.Notes(STREAM_SENDER_EXCEPTION);
+    const auto notes = rig.inbox.Notes(STREAM_SENDER_EXCEPTION);
     EXPECT_EQ(notes[0].from, s.GetID());
     EXPECT_EQ(notes[0].attach, 0);
     EXPECT_TRUE(log.Contains("CStreamSender socket exception! fd: " + std::to_string(pair.client.GetHandle())));
@@ -222,7 +209,7 @@ TEST_F(StreamSenderTest, PeerResetIsReportedOnce)
 TEST_F(StreamSenderTest, SimulatedLinkDrainsAtItsBandwidth)
 {
     const std::string data = Pattern(200000, 8);
-    SlowReader reader(pair.server, data.size());
+    std::jthread reader = SlowReader(data.size());
     // Room for a whole second's budget: the simulator then never writes an element in part.
     ASSERT_EQ(pair.client.SetSockSendBuf(1 << 20), 0);
     sim.emplace();  // its first second starts now
@@ -238,5 +225,6 @@ TEST_F(StreamSenderTest, SimulatedLinkDrainsAtItsBandwidth)
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, 900ms);  // the rest waited for the next second's budget
     EXPECT_LT(took, 5s);
-    EXPECT_TRUE(reader.Join() == data);
+    reader.join();
+    EXPECT_TRUE(got == data);
 }
