@@ -21,15 +21,18 @@ struct SSlot {
 
 std::mutex g_mutex;
 std::map<std::uint64_t, std::shared_ptr<SSlot>>* g_slots = new std::map<std::uint64_t, std::shared_ptr<SSlot>>;
-thread_local std::shared_ptr<SSlot> t_slot;
+// The map owns the slot; a plain pointer here, since mingw-w64 destroys a thread-local
+// object with a destructor after its storage was freed at thread exit.
+thread_local SSlot* t_slot = nullptr;
 
 }  // namespace
 
 void CCurrentObject::Register()
 {
-    t_slot = std::make_shared<SSlot>();
+    auto slot = std::make_shared<SSlot>();
     std::lock_guard<std::mutex> lock(g_mutex);
-    (*g_slots)[Platform::thread_current_id()] = t_slot;
+    (*g_slots)[Platform::thread_current_id()] = slot;
+    t_slot = slot.get();
 }
 
 void CCurrentObject::Unregister()
@@ -38,12 +41,12 @@ void CCurrentObject::Unregister()
         std::lock_guard<std::mutex> lock(g_mutex);
         g_slots->erase(Platform::thread_current_id());
     }
-    t_slot.reset();
+    t_slot = nullptr;
 }
 
 void CCurrentObject::Set(CNetHandler* object, std::int64_t id)
 {
-    SSlot* slot = t_slot.get();
+    SSlot* slot = t_slot;
     if (!slot) return;
     slot->type.store(&typeid(*object), std::memory_order_relaxed);
     slot->id.store(id, std::memory_order_relaxed);
@@ -52,7 +55,7 @@ void CCurrentObject::Set(CNetHandler* object, std::int64_t id)
 
 void CCurrentObject::Clear()
 {
-    SSlot* slot = t_slot.get();
+    SSlot* slot = t_slot;
     if (slot) slot->object.store(nullptr, std::memory_order_release);
 }
 
