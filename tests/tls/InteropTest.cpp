@@ -36,7 +36,8 @@ public:
         m_thread = std::thread([this, command] { m_output = RunCommand(command, nullptr, 30); });
         // A probe connection would use up one of s_server's accepts: poll the port by
         // trying to listen on it instead.
-        for (int i = 0; i < 250 && !listening(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // Under Wine the peer starts through a Linux shell, which can take seconds on a busy machine.
+        for (int i = 0; i < 750 && !listening(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     ~OpensslServer() { Join(); }
 
