@@ -11,6 +11,7 @@
 #include <srt/srt.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <deque>
@@ -165,6 +166,7 @@ public:
             if (members.erase(sock) != 0) srt_epoll_remove_usock(epid, sock);
         }
         for (auto& [epid, waiting] : m_waiting) waiting.erase(sock);
+        prune_waiting_locked();
         if (m_listening.erase(sock) != 0) srt_epoll_remove_usock(m_listeners, sock);
         from_transport();
         return sock;
@@ -203,6 +205,7 @@ public:
         m_listeners = -1;
         m_listening.clear();
         m_waiting.clear();
+        prune_waiting_locked();
     }
 
     bool started_locked() const { return m_started; }
@@ -218,6 +221,26 @@ public:
     int m_listeners = -1;
     std::unordered_set<SRTSOCKET> m_listening;
     std::unordered_map<int, std::unordered_set<SRTSOCKET>> m_waiting;
+    // Whether m_waiting holds anything: read without the lock, so that a wait with no
+    // waiting listener (nearly every wait) takes the lock only after the transport's.
+    std::atomic<bool> m_any_waiting{false};
+
+    /// Drops empty entries of m_waiting and publishes whether any is left.
+    void prune_waiting_locked()
+    {
+        std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
+        m_any_waiting.store(!m_waiting.empty(), std::memory_order_release);
+    }
+
+    void set_waiting_locked(int epid, SRTSOCKET sock, bool waiting)
+    {
+        if (waiting) {
+            m_waiting[epid].insert(sock);
+        } else if (const auto it = m_waiting.find(epid); it != m_waiting.end()) {
+            it->second.erase(sock);
+        }
+        prune_waiting_locked();
+    }
 
     bool add_listener_locked(SRTSOCKET sock)
     {
@@ -291,10 +314,10 @@ int epoll_update(int epid, int fd, const int* events, bool add)
     const int wanted = events ? (*events & ~static_cast<int>(SRT_EPOLL_ET)) : 1;
     if (wanted == 0) {
         members.erase(sock);
-        t.m_waiting[epid].erase(sock);
+        t.set_waiting_locked(epid, sock, false);
         return 0;
     }
-    if ((wanted & SRT_EPOLL_IN) && t.pending_locked(sock)) t.m_waiting[epid].insert(sock);
+    if ((wanted & SRT_EPOLL_IN) && t.pending_locked(sock)) t.set_waiting_locked(epid, sock, true);
     return members.insert(sock).second ? 1 : 0;
 }
 
@@ -510,7 +533,7 @@ int epoll_remove_usock(int epid, int fd)
     if (srt_epoll_remove_usock(epid, sock) == SRT_ERROR) return -1;
     const auto it = t.m_epolls.find(epid);
     if (it != t.m_epolls.end()) it->second.erase(sock);
-    t.m_waiting[epid].erase(sock);
+    t.set_waiting_locked(epid, sock, false);
     return 0;
 }
 
@@ -537,9 +560,8 @@ int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
             wait_ms = std::max(0LL, timeout_ms - static_cast<long long>(spent));
         }
         from_transport();
-        {
+        if (CSlotTable& t = table(); t.m_any_waiting.load(std::memory_order_acquire)) {
             // Listeners that joined the set with a connection waiting (see m_waiting).
-            CSlotTable& t = table();
             std::lock_guard<std::mutex> lock(t.m_mutex);
             const auto it = t.m_waiting.find(epid);
             int filled = 0;
@@ -552,6 +574,7 @@ int epoll_wait(int epid, SMirtEvent* events, int max, long long timeout_ms)
                     events[filled++] = SMirtEvent{fd, SRT_EPOLL_IN};
                 }
             }
+            t.prune_waiting_locked();
             if (filled > 0) return filled;
         }
         const int n = srt_epoll_uwait(epid, ready, max, wait_ms);
@@ -582,6 +605,7 @@ int epoll_release(int epid)
     if (srt_epoll_release(epid) == SRT_ERROR) return -1;
     t.m_epolls.erase(epid);
     t.m_waiting.erase(epid);
+    t.prune_waiting_locked();
     return 0;
 }
 

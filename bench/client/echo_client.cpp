@@ -24,6 +24,7 @@
 // are in cores: 1.0 is one core busy for the whole window; server_user is the share of
 // the server's time spent in user mode, the rest being the kernel's.)
 #include "Histogram.h"
+#include "MonoClock.h"
 #include "ProcStat.h"
 
 #include <arpa/inet.h>
@@ -64,7 +65,8 @@ using EchoBench::Ticks;
 
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr std::uint64_t kPatternPeriod = 65521;  // prime, so messages do not repeat in step
-constexpr std::int64_t kSecond = 1000000000;
+using EchoBench::kSecond;
+using EchoBench::Now;
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -77,13 +79,6 @@ struct Options {
     double duration = 5.0;
     int server_pid = 0;
 };
-
-std::int64_t Now()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<std::int64_t>(ts.tv_sec) * kSecond + ts.tv_nsec;
-}
 
 /// The first error of the run; every thread stops when one is set.
 class Failure {

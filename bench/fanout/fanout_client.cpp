@@ -50,6 +50,7 @@
 // histogram bucket at the tens of ms the latency budget adds is wider than the
 // differences looked for. Slow readers are not offered there.
 #include "../client/Histogram.h"
+#include "../client/MonoClock.h"
 #include "../client/ProcStat.h"
 #include "StampSei.h"
 #ifdef SRT_TRANSPORT
@@ -96,29 +97,15 @@ using EchoBench::CpuShares;
 using EchoBench::TakeCpuSample;
 using namespace FanoutBench;
 
-constexpr std::int64_t kSecond = 1000000000;
-constexpr std::int64_t kMs = 1000000;
+using EchoBench::kMs;
+using EchoBench::kSecond;
+using EchoBench::Now;
+using EchoBench::SleepUntil;
 constexpr std::size_t kReadSize = 256 * 1024;
 constexpr std::int64_t kSlowTick = 10 * kMs;
 constexpr int kGroups = 3;
 constexpr const char* kGroupName[kGroups] = {"n", "s", "j"};
 enum Group { kNormal = 0, kSlow = 1, kJoiner = 2 };
-
-std::int64_t Now()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<std::int64_t>(ts.tv_sec) * kSecond + ts.tv_nsec;
-}
-
-void SleepUntil(std::int64_t at)
-{
-    timespec ts{};
-    ts.tv_sec = static_cast<time_t>(at / kSecond);
-    ts.tv_nsec = static_cast<long>(at % kSecond);
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
-    }
-}
 
 struct Options {
     std::string host = "127.0.0.1";

@@ -31,6 +31,7 @@
 // Built with SRT_TRANSPORT (srt_fanout_producer, for bench/run-srt) it is a reliable-UDP
 // caller in live mode instead (SRTO_LATENCY from --latency MS), and each write goes out
 // as messages of at most 1316 bytes, the first taking the send time.
+#include "../client/MonoClock.h"
 #include "StampSei.h"
 #ifdef SRT_TRANSPORT
 #include "../srt/SrtBench.h"
@@ -57,14 +58,8 @@ namespace {
 
 using namespace FanoutBench;
 
-constexpr std::int64_t kSecond = 1000000000;
-
-std::int64_t Now()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<std::int64_t>(ts.tv_sec) * kSecond + ts.tv_nsec;
-}
+using EchoBench::kSecond;
+using EchoBench::Now;
 
 // Set by SIGTERM/SIGINT: the run ends early but still prints its line.
 volatile std::sig_atomic_t g_stop = 0;
@@ -73,11 +68,7 @@ void OnSignal(int) { g_stop = 1; }
 
 void SleepUntil(std::int64_t at)
 {
-    timespec ts{};
-    ts.tv_sec = static_cast<time_t>(at / kSecond);
-    ts.tv_nsec = static_cast<long>(at % kSecond);
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR && !g_stop) {
-    }
+    EchoBench::SleepUntil(at, &g_stop);
 }
 
 struct Options {

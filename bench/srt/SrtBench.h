@@ -5,6 +5,8 @@
 
 #include <srt/srt.h>
 
+#include "../client/MonoClock.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <time.h>
@@ -16,27 +18,13 @@
 
 namespace SrtBench {
 
-constexpr std::int64_t kSecond = 1000000000;
-constexpr std::int64_t kMs = 1000000;
+using EchoBench::kMs;
+using EchoBench::kSecond;
+using EchoBench::Now;
+using EchoBench::SleepUntil;
+
 // The largest message of live mode by default; every tool sends at most this much.
 constexpr int kLivePayload = 1316;
-
-/// CLOCK_MONOTONIC in ns: the clock the send times in payloads are taken from.
-inline std::int64_t Now()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<std::int64_t>(ts.tv_sec) * kSecond + ts.tv_nsec;
-}
-
-inline void SleepUntil(std::int64_t at)
-{
-    timespec ts{};
-    ts.tv_sec = static_cast<time_t>(at / kSecond);
-    ts.tv_nsec = static_cast<long>(at % kSecond);
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
-    }
-}
 
 /// An IPv4 address; false when `host` is not one.
 inline bool MakeAddress(const std::string& host, int port, sockaddr_in& addr)
